@@ -1,0 +1,57 @@
+#pragma once
+// Declares one exported class under an object name: every create hands out the same instance,
+// counted; the last release destroys it, and so does the library unload whatever the count.
+#include "entry/ObjectRegistry.h"
+
+namespace qv {
+
+template <class T> class ExportedSingletonDeclaration : public IObjectConstructor {
+public:
+    explicit ExportedSingletonDeclaration(const wchar_t* name) : name_(name) {
+        ObjectRegistry* registry = ObjectRegistry::AddRef();
+        holdsRegistry_ = registry != nullptr;
+        if (registry) {
+            registry->Enter();
+            registry->Insert(name_, this);
+            registry->Leave();
+        }
+    }
+
+    // Runs at library unload.
+    ~ExportedSingletonDeclaration() {
+        if (!holdsRegistry_) return;
+        {
+            RegistryScope registry;
+            registry->Remove(name_);
+            delete instance_;
+            instance_ = nullptr;
+            count_ = 0;
+        }
+        ObjectRegistry::Release();
+    }
+
+    // Called under the registry's critical section, which serialises the count.
+    IQvBaseInterface* CreateInstance() override {
+        if (!instance_) instance_ = new T();
+        ++count_;
+        return static_cast<IQvBaseInterface*>(instance_->QueryInterface(T::CreateInterfaceId()));
+    }
+
+    // The count may go below zero: a release without a create is tolerated, not corrected.
+    void ReleaseInstance(IQvBaseInterface*) override {
+        if (--count_ == 0) {
+            delete instance_;
+            instance_ = nullptr;
+        }
+    }
+
+    bool HasInstances() override { return count_ > 0; }
+
+private:
+    const wchar_t* name_;
+    T* instance_ = nullptr;
+    int32_t count_ = 0;
+    bool holdsRegistry_ = false;
+};
+
+} // namespace qv

@@ -1,0 +1,96 @@
+// The scan service provider's core temp folder and its crash handler.
+#include "plugin/AntivirusScanAL.h"
+#include "support/FileUtil.h"
+
+#include <shlwapi.h>
+
+namespace qv {
+
+using namespace logging;
+
+void AntivirusScanAL::InitCoreTempFolder() {
+    QV_TRACE(L"AntivirusScanAL::InitCoreTempFolder");
+    ScopedLock lock(stateLock);
+    if (!servConfigPlugin) return;
+    StringW path = ConfigText(kxsdk::config::kCoreTempCategory, L"scansp");
+    QV_LOG(LOG_SEV_INFO, L"Core temp %s", path.c_str());
+    if (path.IsEmpty()) {
+        QV_LOG(LOG_SEV_ERROR, L"Core temp path is empty!");
+        return;
+    }
+    if (!PathFileExistsW(path.c_str()) && !file::CreateFolderTree(path.c_str())) {
+        QV_LOG(LOG_SEV_ERROR, L"Cannot create core temp folder [path = %s]", path.c_str());
+    }
+    coreTempFolder = path;
+}
+
+// Removes every sibling of the core temp folder within its parent and keeps the folder itself.
+void AntivirusScanAL::CleanCoreTempFolder() {
+    QV_TRACE(L"AntivirusScanAL::CleanCoreTempFolder");
+    StringW folder;
+    {
+        ScopedLock lock(stateLock);
+        folder = coreTempFolder;
+    }
+    if (folder.IsEmpty() || !PathFileExistsW(folder.c_str())) {
+        QV_LOG(LOG_SEV_INFO, L"Core temp folder not found [path = %s]", folder.c_str());
+        return;
+    }
+    StringW base = folder;
+    size_t length = base.Length();
+    while (length && base[length - 1] == L'\\') --length;
+    base.SetLength(length);
+    const wchar_t* cut = wcsrchr(base.c_str(), L'\\');
+    if (!cut) return;
+    base.SetLength(static_cast<size_t>(cut - base.c_str()));
+
+    // A core temp folder configured directly under a drive or share root would make its
+    // "siblings" the whole volume: never clean there.
+    StringW root = base;
+    root.Append(L'\\');
+    if (base.IsEmpty() || PathIsRootW(root.c_str())) {
+        QV_LOG(LOG_SEV_WARNING, L"Core temp folder parent is a root, not cleaned [path = %s]", folder.c_str());
+        return;
+    }
+
+    StringW pattern = root;
+    pattern.Append(L"*");
+    WIN32_FIND_DATAW entry;
+    HANDLE find = FindFirstFileW(pattern.c_str(), &entry);
+    if (find == INVALID_HANDLE_VALUE) return;
+    do {
+        if (!wcscmp(entry.cFileName, L".") || !wcscmp(entry.cFileName, L"..")) continue;
+        if (!cleanAllowed) break;
+        StringW full = root;
+        full.Append(entry.cFileName);
+        if (full.CompareNoCase(folder.c_str()) == 0) continue;
+        QV_LOG(LOG_SEV_DETAIL, L"Deleting [%s]", full.c_str());
+        if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+            file::DeleteFolderTree(full.c_str());
+        } else if (!DeleteFileW(full.c_str()) && GetLastError() == ERROR_ACCESS_DENIED) {
+            SetFileAttributesW(full.c_str(), entry.dwFileAttributes & ~FILE_ATTRIBUTE_READONLY);
+            DeleteFileW(full.c_str());
+        }
+    } while (FindNextFileW(find, &entry));
+    FindClose(find);
+}
+
+void AntivirusScanAL::DisableScanCrashHandler() {
+    QV_TRACE(L"AntivirusScanAL::DisableScanCrashHandler");
+    if (!scanSpPlugin) return;
+    void* object = nullptr;
+    DWORD error = scanSpPlugin->GetInterface(kxsdk::scansp::kCrashHandlerId, &object);
+    if (error != 0) {
+        if (object) scanSpPlugin->ReleaseInterface(object);
+        return;
+    }
+    if (!object) return;
+    auto* handler = static_cast<IScanCrashHandler*>(object);
+    error = handler->SetOption(kxsdk::scansp::kOptionSilentSubmitDump, 1);
+    QV_LOG(LOG_SEV_INFO, L"SilentSubmitDump [error = %d]", static_cast<int>(error));
+    error = handler->SetOption(kxsdk::scansp::kOptionSilentSubmitDefaultAction, 0);
+    QV_LOG(LOG_SEV_INFO, L"SilentSubmitDefaultAct [error = %d]", static_cast<int>(error));
+    scanSpPlugin->ReleaseInterface(object);
+}
+
+} // namespace qv

@@ -1,0 +1,132 @@
+// Signature version and count: from the update plug-in's statistics, else from
+// "Plugins\update.txt" in the engines folder. Cached in the object, withheld during recovery.
+#include "plugin/AntivirusScanAL.h"
+#include "plugin/SlotGuard.h"
+#include "plugin/UpdateFile.h"
+
+#include <shlwapi.h>
+
+namespace qv {
+
+using namespace logging;
+
+DWORD AntivirusScanAL::GetEnginesVersion(StringW* version) {
+    QV_FUNCTION(L"AntivirusScanAL::GetEnginesVersion");
+    if (!version) {
+        QV_LOG(LOG_SEV_ERROR, L"invalid parameter");
+        return ERROR_INVALID_PARAMETER;
+    }
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        if (enginesRecoveryInProgress) {
+            QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress...");
+            version->Clear();
+            return kxsdk::AntivirusScan::kRecoveryInProgress;
+        }
+        StringW cached;
+        {
+            ScopedLock lock(stateLock);
+            cached = signaturesVersion;
+        }
+        if (cached.IsEmpty()) {
+            ComputeSigInfo();
+            ScopedLock lock(stateLock);
+            cached = signaturesVersion;
+        }
+        *version = cached;
+        return ERROR_SUCCESS;
+    });
+}
+
+DWORD AntivirusScanAL::GetSignaturesCount(uint64_t* count) {
+    QV_FUNCTION(L"AntivirusScanAL::GetSignaturesCount");
+    if (!count) {
+        QV_LOG(LOG_SEV_ERROR, L"invalid parameter");
+        return ERROR_INVALID_PARAMETER;
+    }
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        if (enginesRecoveryInProgress) {
+            QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress...");
+            *count = 0;
+            return kxsdk::AntivirusScan::kRecoveryInProgress;
+        }
+        uint64_t cached;
+        {
+            ScopedLock lock(stateLock);
+            cached = signaturesCount;
+        }
+        if (cached == 0) {
+            ComputeSigInfo();
+            ScopedLock lock(stateLock);
+            cached = signaturesCount;
+        }
+        *count = cached;
+        return ERROR_SUCCESS;
+    });
+}
+
+void AntivirusScanAL::ComputeSigInfo() {
+    QV_TRACE(L"AntivirusScanAL::ComputeSigInfo");
+    if (enginesRecoveryInProgress) {
+        QV_LOG(LOG_SEV_ERROR, L"EnginesRecoveryInProgress...");
+        return;
+    }
+    StringW version;
+    uint64_t count = 0;
+    if (!GetEnginesInfoFromUpdate(version, count)) {
+        StringW folder;
+        {
+            ScopedLock lock(stateLock);
+            folder = settings.enginesFolder;
+        }
+        StringW countText;
+        if (GetEnginesInfoFromFile(folder, version, countText)) {
+            count = static_cast<uint64_t>(_wtoi64(countText.c_str()));
+        }
+    }
+    QV_LOG(LOG_SEV_INFO, L"Signature [version = %s] [count = %llu]", version.c_str(),
+           static_cast<unsigned long long>(count));
+    ScopedLock lock(stateLock);
+    signaturesVersion = version;
+    signaturesCount = count;
+}
+
+bool AntivirusScanAL::GetEnginesInfoFromUpdate(StringW& version, uint64_t& count) {
+    QV_TRACE(L"AntivirusScanAL::GetEnginesInfoFromUpdate");
+    if (!updatePlugin) {
+        QV_LOG(LOG_SEV_ERROR, L"Update plugin unavailable.");
+        return false;
+    }
+    IUpdate::Statistics statistics;
+    DWORD error = updatePlugin->GetStatistics(&statistics);
+    if (error != 0) {
+        QV_LOG(LOG_SEV_ERROR, L"Cannot obtain update statistics. [error = %d]", static_cast<int>(error));
+        return false;
+    }
+    const IUpdate::SignatureStatistics* antivirus = statistics.signatures.FindConst(StringW(L"Antivirus"));
+    if (!antivirus) {
+        QV_LOG(LOG_SEV_ERROR, L"No AV signatures statistics found.");
+        return false;
+    }
+    version = antivirus->version;
+    // Widened with its sign: a negative count reads as a very large unsigned one.
+    count = static_cast<uint64_t>(static_cast<int64_t>(antivirus->count));
+    return true;
+}
+
+bool AntivirusScanAL::GetEnginesInfoFromFile(const StringW& folder, StringW& version, StringW& countText) {
+    QV_TRACE(L"AntivirusScanAL::GetEnginesInfoFromFile");
+    StringW path = folder;
+    if (!path.IsEmpty() && !path.EndsWith(L'\\') && !path.EndsWith(L'/')) path.Append(L'\\');
+    path.Append(L"Plugins\\update.txt");
+    if (!PathFileExistsW(path.c_str())) {
+        QV_LOG(LOG_SEV_ERROR, L"Update file not found [path = %s]", path.c_str());
+        return false;
+    }
+    UpdateFileInfo info;
+    if (!ReadUpdateFile(path.c_str(), info)) return false;
+    version = info.version;
+    countText = info.countText;
+    return true;
+}
+
+} // namespace qv

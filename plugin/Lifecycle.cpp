@@ -1,0 +1,158 @@
+// Construction, interface lookup and the host-driven lifecycle: Init, Start, Stop, UnInit.
+#include "plugin/AntivirusScanAL.h"
+#include "plugin/ErrorCodes.h"
+#include "plugin/SlotGuard.h"
+
+namespace qv {
+
+using namespace logging;
+
+GUID PrimaryInterfaceId() { return kxsdk::ids::kPrimaryFaceId; }
+GUID ServPluginInterfaceId() { return kxsdk::ids::kServPluginFaceId; }
+GUID DelayedServPluginInterfaceId() { return kxsdk::ids::kDelayedServPluginFaceId; }
+GUID AntivirusScanInterfaceId() { return kxsdk::ids::kAntivirusScanFaceId; }
+
+AntivirusScanAL::AntivirusScanAL() {
+    // Last step of construction: while the object lives, plain messages are written.
+    logRef.Acquire();
+}
+
+// Members go in reverse declaration order after the body: sink containers, strings, the state
+// lock, the feature table, then the holders, each handing back a plug-in it still holds.
+AntivirusScanAL::~AntivirusScanAL() { logRef.Release(); }
+
+void* AntivirusScanAL::QueryInterface(const GUID& id) {
+    if (SameInterfaceId(id, PrimaryInterfaceId()) || SameInterfaceId(id, ServPluginInterfaceId()) ||
+        SameInterfaceId(id, DelayedServPluginInterfaceId())) {
+        return static_cast<IDelayedServPlugin*>(this);
+    }
+    if (SameInterfaceId(id, AntivirusScanInterfaceId())) return static_cast<IAntivirusScan*>(this);
+    return nullptr;
+}
+
+IComponentManager* AntivirusScanAL::ComponentManager() const {
+    return hostContext ? hostContext->GetComponentManager() : nullptr;
+}
+
+DWORD AntivirusScanAL::Init(IQvHost* host) {
+    QV_TRACE(L"AntivirusScanAL::Init");
+    if (!host) {
+        QV_LOG(LOG_SEV_ERROR, L"invalid parameter");
+        return ERROR_INVALID_PARAMETER;
+    }
+    DWORD result = GuardedSlot(qvFunctionName_, [&] { return InitSteps(host); });
+    if (result != ERROR_SUCCESS) UnInit();
+    return result;
+}
+
+// Any non-zero result makes Init undo everything through UnInit.
+DWORD AntivirusScanAL::InitSteps(IQvHost* host) {
+    QV_FUNCTION(L"AntivirusScanAL::Init");
+    hostContext = host;
+    IComponentManager* manager = ComponentManager();
+
+    if (!servConfigPlugin.GetPlugin(manager)) {
+        QV_LOG(LOG_SEV_ERROR, L"Dependency not found : ServConfig.");
+        return ERROR_DEPENDENCY_NOT_FOUND;
+    }
+    InitCoreTempFolder();
+    if (!InitScanType()) {
+        QV_LOG(LOG_SEV_ERROR, L"Invalid scan type.");
+        return ERROR_INVALID_DATA;
+    }
+    if (!updatePlugin.GetPlugin(manager)) {
+        QV_LOG(LOG_SEV_ERROR, L"Dependency not found : Update.");
+        return ERROR_DEPENDENCY_NOT_FOUND;
+    }
+    if (!settingsPlugin.GetPlugin(manager)) {
+        QV_LOG(LOG_SEV_ERROR, L"Dependency not found : Settings.");
+        return ERROR_DEPENDENCY_NOT_FOUND;
+    }
+    if (!InitSettings()) QV_LOG(LOG_SEV_WARNING, L"InitSettings failed!");
+    LogEnginesFolder();
+    RemoveNonRemoteScanPlugins();
+
+    if (scanSpPlugin.GetPlugin(manager)) {
+        OnReloadSuccessfull();
+    } else {
+        QV_LOG(LOG_SEV_WARNING, L"Dependency not found : ScanSp.");
+        enginesRecoveryInProgress = true;
+    }
+    if (!remoteScanPlugin.GetPlugin(manager)) {
+        QV_LOG(LOG_SEV_WARNING, L"Dependency not found : RemoteScan.");
+        if (scanType == kxsdk::AntivirusScan::RemoteOnly) {
+            QV_LOG(LOG_SEV_ERROR, L"Cannot continue without RemoteScanAL plugin!");
+            return ERROR_DEPENDENCY_NOT_FOUND;
+        }
+    }
+    if (!InitScanMode()) {
+        QV_LOG(LOG_SEV_ERROR, L"InitScanMode failed!");
+        return ERROR_INTERNAL_ERROR;
+    }
+    if (!ctcPlugin.GetPlugin(manager)) QV_LOG(LOG_SEV_INFO, L"Dependency not found : CTC.");
+    DisableScanCrashHandler();
+
+    bool backup;
+    {
+        ScopedLock lock(stateLock);
+        backup = settings.enableBackup;
+    }
+    ApplyBackupStatus(backup);
+    return ERROR_SUCCESS;
+}
+
+DWORD AntivirusScanAL::Start() {
+    QV_TRACE(L"AntivirusScanAL::Start");
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        if (!updatePlugin || !settingsPlugin || !servConfigPlugin) {
+            QV_LOG(LOG_SEV_ERROR, L"Dependency not found");
+            return ERROR_DEPENDENCY_NOT_FOUND;
+        }
+        if (scanType == kxsdk::AntivirusScan::RemoteOnly && !remoteScanPlugin) {
+            QV_LOG(LOG_SEV_ERROR, L"Invalid remote scan configuration");
+            return ERROR_INVALID_STATE;
+        }
+        DWORD error = updatePlugin->RegisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
+        if (error != 0) {
+            QV_LOG(LOG_SEV_ERROR, L"Cannot register update events [error = %d]", static_cast<int>(error));
+            Stop();
+            return kErrorEventRegistrationRefused;
+        }
+        if (remoteScanPlugin) {
+            error = remoteScanPlugin->RegisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
+            if (error != 0) {
+                QV_LOG(LOG_SEV_ERROR, L"Cannot register remote scan events [error = %d]", static_cast<int>(error));
+                Stop();
+                return kErrorEventRegistrationRefused;
+            }
+        }
+        return ERROR_SUCCESS;
+    });
+}
+
+DWORD AntivirusScanAL::Stop() {
+    QV_TRACE(L"AntivirusScanAL::Stop");
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        if (updatePlugin) updatePlugin->UnregisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
+        if (remoteScanPlugin) remoteScanPlugin->UnregisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
+        return ERROR_SUCCESS;
+    });
+}
+
+DWORD AntivirusScanAL::UnInit() {
+    QV_TRACE(L"AntivirusScanAL::UnInit");
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        UnInitScanMode();
+        UnInitSettings();
+        ctcPlugin.Release();
+        remoteScanPlugin.Release();
+        servConfigPlugin.Release();
+        settingsPlugin.Release();
+        updatePlugin.Release();
+        scanSpPlugin.Release();
+        hostContext = nullptr;
+        return ERROR_SUCCESS;
+    });
+}
+
+} // namespace qv

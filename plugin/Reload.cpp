@@ -1,0 +1,173 @@
+// Engines reload after an installed "Antivirus" component, and the bookkeeping of the last
+// engines folder that loaded and of the reload status.
+#include "plugin/AntivirusScanAL.h"
+#include "plugin/ErrorCodes.h"
+#include "plugin/SettingsSection.h"
+#include "plugin/SlotGuard.h"
+#include "support/FileUtil.h"
+
+#include <psapi.h>
+#include <shlwapi.h>
+
+namespace qv {
+
+using namespace logging;
+
+namespace {
+const wchar_t* const kMaintenanceUpdaters[] = {L"kitInstaller_{7E5B1734-06EF-4D5F-A7DA-D1824BB1B954}",
+                                               L"kitInstaller_sync"};
+const wchar_t* OrEmpty(const wchar_t* text) { return text ? text : L""; }
+} // namespace
+
+DWORD AntivirusScanAL::OnComponentInstalled(const IUpdate::ComponentInfo& info, const wchar_t* enginesPath) {
+    QV_TRACE(L"AntivirusScanAL::OnComponentInstalled");
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        const wchar_t* updater = OrEmpty(info.updater);
+        const wchar_t* component = OrEmpty(info.component);
+        QV_LOG(LOG_SEV_INFO, L"[updater = %s] [component = %s] [enginesPath = %s]", updater, component,
+               OrEmpty(enginesPath));
+        if (!enginesPath || !*enginesPath || !*component) return ERROR_INVALID_PARAMETER;
+
+        const bool antivirus = _wcsicmp(component, L"Antivirus") == 0;
+        for (const wchar_t* maintenance : kMaintenanceUpdaters) {
+            if (_wcsicmp(updater, maintenance) != 0) continue;
+            QV_LOG(LOG_SEV_WARNING, L"Skip reload engines because of maintenance update [updater = %s]", updater);
+            if (antivirus) OnBeforeReload(3);
+            return ERROR_SUCCESS;
+        }
+        if (!antivirus) return ERROR_SUCCESS;
+
+        OnBeforeReload(1);
+        const DWORD result = ReloadEngines(StringW(enginesPath));
+        if (result == ERROR_SUCCESS || result == kErrorDataLostRepair) OnReloadSuccessfull();
+        RefreshBackupStatus();
+        ComputeSigInfo();
+        RefreshScanModes();
+        CleanCoreTempFolder();
+        K32EmptyWorkingSet(GetCurrentProcess());
+        if (result == kErrorDataLostRepair) RecoveryStep_RestartService();
+        return ERROR_SUCCESS;
+    });
+}
+
+DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
+    QV_TRACE(L"AntivirusScanAL::ReloadEngines");
+    if (!enginesRecoveryInProgress) {
+        IScanSp* provider = scanSpPlugin.Get();
+        if (!provider) return ERROR_DEPENDENCY_NOT_FOUND;
+        reloadStarted.Fire(path);
+        QV_LOG(LOG_SEV_INFO, L"OnReloadStarted [path = %s]", path.c_str());
+        // The provider finds the new engines itself; the path is only for the sinks.
+        const DWORD error = provider->ReloadEngines();
+        QV_LOG(error ? LOG_SEV_ERROR : LOG_SEV_INFO, L"OnReloadEnded [path = %s] [error = %d]", path.c_str(),
+               static_cast<int>(error));
+        reloadEnded.Fire(path, static_cast<int>(error));
+        return error;
+    }
+
+    QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress: check new engines folder integrity.");
+    bool loadedHere = false;
+    if (scanSpPlugin) {
+        QV_LOG(LOG_SEV_WARNING, L"ScanSp loaded by someone else");
+    } else {
+        QV_LOG(LOG_SEV_WARNING, L"ScanSp not loaded => load now");
+        loadedHere = scanSpPlugin.GetPlugin(ComponentManager());
+    }
+    if (!scanSpPlugin) {
+        QV_LOG(LOG_SEV_WARNING, L"ScanSp load NOT-FIXED => invalidate_cache");
+        RecoveryStep_InvalidateCache();
+        return ERROR_DEPENDENCY_NOT_FOUND;
+    }
+    // This process keeps running without engines; the restart loads them normally.
+    if (loadedHere) scanSpPlugin.Release();
+    QV_LOG(LOG_SEV_WARNING, L"ScanSp load FIXED => restart service required");
+    return kErrorDataLostRepair;
+}
+
+void AntivirusScanAL::OnBeforeReload(uint32_t newStatus) {
+    QV_TRACE(L"AntivirusScanAL::OnBeforeReload");
+    ScopedLock lock(stateLock);
+    QV_LOG(LOG_SEV_INFO, L"[lastOk = %s] [oldReloadStatus = %d] [newReloadStatus = %d]",
+           settings.enginesFolder.c_str(), static_cast<int>(settings.reloadStatus), static_cast<int>(newStatus));
+    SettingsSection section(settingsPlugin.Get());
+    if (!section) return;
+    if (!section->SetUInt(L"engines/reloadStatus", newStatus)) {
+        QV_LOG(LOG_SEV_WARNING, L"Cannot save reload info [lastOk = %s]", settings.enginesFolder.c_str());
+    }
+    settings.reloadStatus = newStatus;
+}
+
+void AntivirusScanAL::OnReloadSuccessfull() {
+    QV_TRACE(L"AntivirusScanAL::OnReloadSuccessfull");
+    ScopedLock lock(stateLock);
+    const StringW newPath = GetScanSpFolder();
+    const StringW oldPath = settings.enginesFolder;
+    QV_LOG(LOG_SEV_INFO, L"[oldPath = %s] [newPath = %s]", oldPath.c_str(), newPath.c_str());
+    if (settings.reloadStatus == 2 && newPath.CompareNoCase(oldPath.c_str()) == 0) return;
+    SettingsSection section(settingsPlugin.Get());
+    if (!section) return;
+    if (!section->SetString(L"engines/folder", newPath.c_str()) || !section->SetUInt(L"engines/reloadStatus", 2)) {
+        QV_LOG(LOG_SEV_WARNING, L"Cannot save reload info [oldPath = %s] [newPath = %s]", oldPath.c_str(),
+               newPath.c_str());
+    }
+    settings.enginesFolder = newPath;
+    settings.reloadStatus = 2;
+}
+
+StringW AntivirusScanAL::GetScanSpFolder() {
+    StringW folder = ConfigText(kxsdk::config::kEnginesFolderCategory, L"scansp");
+    file::RemoveBackslash(folder);
+    return folder;
+}
+
+std::vector<StringW> AntivirusScanAL::GetSigFolders() {
+    QV_TRACE(L"AntivirusScanAL::GetSigFolders");
+    std::vector<StringW> folders;
+    if (!servConfigPlugin) {
+        QV_LOG(LOG_SEV_ERROR, L"ServConfig not loaded");
+        return folders;
+    }
+    const StringW pattern = ConfigText(kxsdk::config::kFoldersCategory, L"signaturesPatterns");
+    if (pattern.IsEmpty()) {
+        QV_LOG(LOG_SEV_WARNING, L"No sig folder pattern");
+        return folders;
+    }
+    StringW base = pattern;
+    file::RemoveFileName(base);
+    WIN32_FIND_DATAW entry;
+    HANDLE find = FindFirstFileW(pattern.c_str(), &entry);
+    if (find == INVALID_HANDLE_VALUE) {
+        QV_LOG(LOG_SEV_ERROR, L"Path not found [pattern = %s]", pattern.c_str());
+        return folders;
+    }
+    do {
+        if (!(entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) continue;
+        StringW folder = base;
+        file::JoinPath(folder, entry.cFileName);
+        file::RemoveBackslash(folder);
+        folders.push_back(folder);
+    } while (FindNextFileW(find, &entry));
+    FindClose(find);
+    return folders;
+}
+
+void AntivirusScanAL::LogEnginesFolder() {
+    QV_TRACE(L"AntivirusScanAL::LogEnginesFolder");
+    if (!servConfigPlugin) return;
+    const std::vector<StringW> folders = GetSigFolders();
+    const StringW latest = GetScanSpFolder();
+    uint32_t status;
+    StringW lastOk;
+    {
+        ScopedLock lock(stateLock);
+        status = settings.reloadStatus;
+        lastOk = settings.enginesFolder;
+    }
+    QV_LOG(LOG_SEV_INFO, L"Last reload engines status = %d", static_cast<int>(status));
+    QV_LOG(LOG_SEV_INFO, L"LastOk engines folder = %s", lastOk.c_str());
+    QV_LOG(LOG_SEV_INFO, L"Latest engines folder = %s", latest.c_str());
+    QV_LOG(LOG_SEV_INFO, L"Engines folders [size = %d] :", static_cast<int>(folders.size()));
+    for (const StringW& folder : folders) QV_LOG(LOG_SEV_INFO, L"  => %s", folder.c_str());
+}
+
+} // namespace qv

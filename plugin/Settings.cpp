@@ -1,0 +1,71 @@
+// The module's settings document "/AntivirusScan" in the host's settings store.
+#include "plugin/AntivirusScanAL.h"
+#include "plugin/SettingsSection.h"
+#include "support/QvValue.h"
+
+#include <json/json.h>
+
+namespace qv {
+
+using namespace logging;
+
+bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
+    SettingsSection section(settingsPlugin.Get());
+    if (!section) return false;
+
+    if (!section->GetBool(L"enableBackup", out.enableBackup)) out.enableBackup = false;
+
+    Json::Value hashChain(Json::objectValue);
+    if (section->GetValue(L"reportHashChain", hashChain) && hashChain.isObject() && hashChain.isMember("enabled") &&
+        !hashChain["enabled"].isNull()) {
+        try {
+            Value value = Value::FromJson(hashChain);
+            out.hashChain.enabled = value.Find(L"enabled").AsBool();
+        } catch (const ValueException&) {
+            // An unreadable member leaves the switch as it was.
+        }
+    }
+
+    if (!section->GetBool(L"reportSignatureInfo", out.reportSignatureInfo)) out.reportSignatureInfo = false;
+    if (!section->GetUInt(L"engines/reloadStatus", out.reloadStatus)) out.reloadStatus = 2;
+
+    std::string folder;
+    if (!section->GetString(L"engines/folder", folder)) folder.clear();
+    out.enginesFolder = StringW::FromUtf8(folder);
+    return true;
+}
+
+bool AntivirusScanAL::SaveSettings(const AntivirusScanSettings& in) {
+    SettingsSection section(settingsPlugin.Get());
+    if (!section) return false;
+    if (!section->SetBool(L"enableBackup", in.enableBackup)) return false;
+    try {
+        Value hashChain;
+        if (!hashChain.Entry(L"enabled").SetBool(in.hashChain.enabled)) return false;
+        if (!section->SetValue(L"reportHashChain", hashChain.ToJson())) return false;
+    } catch (const ValueException&) {
+        return false;
+    }
+    return section->SetBool(L"reportSignatureInfo", in.reportSignatureInfo);
+}
+
+bool AntivirusScanAL::InitSettings() {
+    QV_TRACE(L"AntivirusScanAL::InitSettings");
+    AntivirusScanSettings loaded;
+    if (!LoadSettings(loaded)) {
+        QV_LOG(LOG_SEV_WARNING, L"Cannot load settings.");
+        loaded.enableBackup = false;
+        loaded.reportSignatureInfo = false;
+        loaded.hashChain.enabled = false;
+        // A fresh store receives the defaults.
+        SaveSettings(loaded);
+    }
+    QV_LOG(LOG_SEV_INFO, L"[backup = %d]", loaded.enableBackup ? 1 : 0);
+    ScopedLock lock(stateLock);
+    settings = loaded;
+    return true;
+}
+
+void AntivirusScanAL::UnInitSettings() { QV_TRACE(L"AntivirusScanAL::UnInitSettings"); }
+
+} // namespace qv

@@ -1,0 +1,184 @@
+// Backup, hash-chain and signature-information switches, and the feature locks. A switch is
+// changed in one order: compare under the state lock, write the store, apply where needed,
+// update the record, and fire the event after leaving the lock.
+#include "plugin/AntivirusScanAL.h"
+#include "plugin/SettingsSection.h"
+#include "plugin/SlotGuard.h"
+
+namespace qv {
+
+using namespace logging;
+
+namespace {
+template <class T> bool NullOut(const wchar_t* function, T* out) {
+    if (out) return false;
+    WriteMessage(LOG_SEV_ERROR, function, L"invalid parameter");
+    return true;
+}
+} // namespace
+
+DWORD AntivirusScanAL::EnableBackup(bool status) {
+    QV_TRACE(L"AntivirusScanAL::EnableBackup");
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        QV_LOG(LOG_SEV_INFO, L"[status = %d]", status ? 1 : 0);
+        {
+            ScopedLock lock(stateLock);
+            if (status == settings.enableBackup) {
+                QV_LOG(LOG_SEV_INFO, L"already in this state");
+                return ERROR_SUCCESS;
+            }
+            AntivirusScanSettings changed = settings;
+            changed.enableBackup = status;
+            if (!SaveSettings(changed)) {
+                QV_LOG(LOG_SEV_ERROR, L"save failed");
+                return ERROR_CANTWRITE;
+            }
+        }
+        if (!ApplyBackupStatus(status)) {
+            QV_LOG(LOG_SEV_ERROR, L"apply failed");
+            // Put the old value back in the store: the provider still runs with it.
+            ScopedLock lock(stateLock);
+            SaveSettings(settings);
+            return ERROR_INTERNAL_ERROR;
+        }
+        {
+            ScopedLock lock(stateLock);
+            settings.enableBackup = status;
+        }
+        backupStatusChanged.Fire(status);
+        return ERROR_SUCCESS;
+    });
+}
+
+DWORD AntivirusScanAL::IsBackupEnabled(bool* enabled) {
+    if (NullOut(L"AntivirusScanAL::IsBackupEnabled", enabled)) return ERROR_INVALID_PARAMETER;
+    ScopedLock lock(stateLock);
+    *enabled = settings.enableBackup;
+    return ERROR_SUCCESS;
+}
+
+DWORD AntivirusScanAL::ReportHashChain(const HashChainSettings& value) {
+    QV_TRACE(L"AntivirusScanAL::ReportHashChain");
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        const HashChainSettings requested = value;
+        QV_LOG(LOG_SEV_INFO, L"[enabled = %d]", requested.enabled ? 1 : 0);
+        {
+            ScopedLock lock(stateLock);
+            if (requested.enabled == settings.hashChain.enabled) {
+                // Rewritten anyway, so that the store always ends up holding the record.
+                SaveSettings(settings);
+                QV_LOG(LOG_SEV_INFO, L"already in this state");
+                return ERROR_SUCCESS;
+            }
+            AntivirusScanSettings changed = settings;
+            changed.hashChain = requested;
+            if (!SaveSettings(changed)) {
+                QV_LOG(LOG_SEV_ERROR, L"save failed");
+                return ERROR_CANTWRITE;
+            }
+            settings = changed;
+        }
+        hashChainSettingsChanged.Fire(requested);
+        return ERROR_SUCCESS;
+    });
+}
+
+DWORD AntivirusScanAL::GetHashChainSettings(HashChainSettings* value) {
+    if (NullOut(L"AntivirusScanAL::GetHashChainSettings", value)) return ERROR_INVALID_PARAMETER;
+    ScopedLock lock(stateLock);
+    *value = settings.hashChain;
+    return ERROR_SUCCESS;
+}
+
+DWORD AntivirusScanAL::ReportSignatureInfo(bool enabled) {
+    QV_TRACE(L"AntivirusScanAL::ReportSignatureInfo");
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        QV_LOG(LOG_SEV_INFO, L"[enabled = %d]", enabled ? 1 : 0);
+        {
+            ScopedLock lock(stateLock);
+            if (enabled == settings.reportSignatureInfo) {
+                SaveSettings(settings);
+                QV_LOG(LOG_SEV_INFO, L"already in this state");
+                return ERROR_SUCCESS;
+            }
+            AntivirusScanSettings changed = settings;
+            changed.reportSignatureInfo = enabled;
+            if (!SaveSettings(changed)) {
+                QV_LOG(LOG_SEV_ERROR, L"save failed");
+                return ERROR_CANTWRITE;
+            }
+            settings = changed;
+        }
+        signatureInfoReportingChanged.Fire(enabled);
+        return ERROR_SUCCESS;
+    });
+}
+
+DWORD AntivirusScanAL::IsSignatureInfoReported(bool* enabled) {
+    if (NullOut(L"AntivirusScanAL::IsSignatureInfoReported", enabled)) return ERROR_INVALID_PARAMETER;
+    ScopedLock lock(stateLock);
+    *enabled = settings.reportSignatureInfo;
+    return ERROR_SUCCESS;
+}
+
+DWORD AntivirusScanAL::SetFeatureStatus(const StringW& name, bool isLocked) {
+    QV_TRACE(L"AntivirusScanAL::SetFeatureStatus");
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        const StringW feature = name;
+        QV_LOG(LOG_SEV_INFO, L"[name = %s] [isLocked = %d]", feature.c_str(), isLocked ? 1 : 0);
+        {
+            ScopedLock lock(stateLock);
+            featureLocks.Set(feature, isLocked);
+            SettingsSection section(settingsPlugin.Get());
+            if (section) section->SetBool(feature.c_str(), isLocked);
+        }
+        featureStatusChanged.Fire(feature, isLocked);
+        return ERROR_SUCCESS;
+    });
+}
+
+DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
+    QV_FUNCTION(L"AntivirusScanAL::GetFeatureStatus");
+    if (NullOut(qvFunctionName_, isLocked)) return ERROR_INVALID_PARAMETER;
+    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        ScopedLock lock(stateLock);
+        if (const bool* known = featureLocks.FindConst(name)) {
+            *isLocked = *known;
+            return ERROR_SUCCESS;
+        }
+        // Unknown features count as locked.
+        bool locked = true;
+        SettingsSection section(settingsPlugin.Get());
+        if (section && !section->GetBool(name.c_str(), locked)) locked = true;
+        featureLocks.Set(name, locked);
+        *isLocked = locked;
+        return ERROR_SUCCESS;
+    });
+}
+
+bool AntivirusScanAL::ApplyBackupStatus(bool status) {
+    QV_TRACE(L"AntivirusScanAL::ApplyBackupStatus");
+    if (!scanSpPlugin) {
+        QV_LOG(LOG_SEV_WARNING, L"ScanSp not loaded.");
+        return false;
+    }
+    uint32_t value = status ? 1 : 0;
+    DWORD error = scanSpPlugin->SetOption(kxsdk::scansp::kOptionBackup, 0, &value, sizeof value);
+    if (error == 0) return true;
+    QV_LOG(LOG_SEV_WARNING, L"Cannot apply backup status. [error = %d]", static_cast<int>(error));
+    return false;
+}
+
+uint32_t AntivirusScanAL::RefreshBackupStatus() {
+    QV_TRACE(L"AntivirusScanAL::RefreshBackupStatus");
+    bool status;
+    {
+        ScopedLock lock(stateLock);
+        status = settings.enableBackup;
+    }
+    if (ApplyBackupStatus(status)) return 1;
+    QV_LOG(LOG_SEV_WARNING, L"Cannot apply backup status [value = %d]", status ? 1 : 0);
+    return 0;
+}
+
+} // namespace qv

@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Sets up the machine, builds everything and runs every test under Wine through CTest.
+set -euo pipefail
+here="$(cd "$(dirname "$0")/.." && pwd)"
+build="${AVSCAN_BUILD:-$here/build}"
+bash "$here/scripts/setup.sh"
+cmake -S "$here" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$here/cmake/mingw-w64-posix.cmake" >/dev/null
+cmake --build "$build" -j"$(nproc)"
+source "$here/scripts/wine-env.sh" "$build"
+ctest --test-dir "$build" --output-on-failure --timeout 600 -j"$(nproc)" "$@"

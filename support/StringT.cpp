@@ -1,0 +1,292 @@
+#include "support/StringT.h"
+
+#include <windows.h>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <stdio.h>
+
+namespace qv {
+
+namespace {
+// Constant-initialised, so strings built during static initialisation of any module can use it.
+StringMemMgr g_defaultManager;
+
+constexpr size_t kLeadBytes = 16;     // guard, header pointer, guard
+constexpr size_t kOverheadBytes = 22; // the above, the terminator slot and the trailing guard
+
+size_t BlockBytes(size_t capacity) { return capacity * 2 + kOverheadBytes; }
+
+uint8_t* BlockOf(wchar_t* chars) { return reinterpret_cast<uint8_t*>(chars) - kLeadBytes; }
+
+uint32_t ReadWord(const uint8_t* at) { uint32_t v; memcpy(&v, at, sizeof v); return v; }
+void WriteWord(uint8_t* at, uint32_t v) { memcpy(at, &v, sizeof v); }
+} // namespace
+
+void* StringMemMgr::Allocate(size_t bytes) { return malloc(bytes); }
+void* StringMemMgr::Reallocate(void* block, size_t bytes) { return realloc(block, bytes); }
+void StringMemMgr::Free(void* block) { free(block); }
+StringMemMgr& StringMemMgr::Default() { return g_defaultManager; }
+
+using S = StringW;
+
+S::StringT(const wchar_t* text) : p_(nullptr) { Assign(text); }
+S::StringT(const wchar_t* text, size_t count) : p_(nullptr) { Assign(text, count); }
+S::StringT(const StringT& other) : p_(nullptr) {
+    other.CheckValid();
+    if (other.p_) Assign(other.p_, other.Length());
+}
+S::StringT(StringT&& other) noexcept : p_(nullptr) { *this = static_cast<StringT&&>(other); }
+S::~StringT() { Release(); }
+
+S& S::operator=(const StringT& other) {
+    if (this != &other) {
+        other.CheckValid();
+        Assign(other.c_str(), other.Length());
+    }
+    return *this;
+}
+
+S& S::operator=(StringT&& other) noexcept {
+    if (this == &other) return *this;
+    other.CheckValid();
+    if (!other.p_) { Clear(); return *this; }
+    if (Manager() == other.Manager() || !p_) {
+        Release();
+        p_ = other.p_;
+        other.p_ = nullptr;
+    } else {
+        Assign(other.p_, other.Length());
+    }
+    return *this;
+}
+
+S& S::operator=(const wchar_t* text) { Assign(text); return *this; }
+
+S::Header* S::HeaderPtr() const {
+    if (!p_) return nullptr;
+    Header* h;
+    memcpy(&h, BlockOf(p_) + 4, sizeof h);
+    return h;
+}
+
+const S::Header* S::GetHeader() const { CheckValid(); return HeaderPtr(); }
+
+IMemMgr* S::Manager() const {
+    Header* h = HeaderPtr();
+    return h ? h->manager : &g_defaultManager;
+}
+
+void S::CheckValid() const {
+    Header* h = HeaderPtr();
+    if (!p_ || !h) return;
+    const uint8_t* block = BlockOf(p_);
+    if (ReadWord(block) != kGuard || ReadWord(block + 12) != kGuard ||
+        ReadWord(block + kLeadBytes + h->capacity * 2 + 2) != kGuard) {
+        std::terminate();
+    }
+}
+
+size_t S::Length() const {
+    CheckValid();
+    Header* h = HeaderPtr();
+    return h ? static_cast<size_t>(h->length) : 0;
+}
+
+size_t S::Capacity() const {
+    CheckValid();
+    Header* h = HeaderPtr();
+    return h ? static_cast<size_t>(h->capacity) : 0;
+}
+
+void S::Reserve(size_t count) {
+    CheckValid();
+    if (count > (static_cast<size_t>(-1) - kOverheadBytes) / 2) throw std::bad_alloc();
+    const size_t bytes = BlockBytes(count);
+    Header* h = HeaderPtr();
+    bool freshHeader = false;
+    if (!h) {
+        h = static_cast<Header*>(malloc(sizeof(Header)));
+        if (!h) throw std::bad_alloc();
+        *h = Header{&g_defaultManager, 0, 0, kGrowth, 0, 1};
+        freshHeader = true;
+    }
+    uint8_t* block = nullptr;
+    if (h->ownsBlock && p_) {
+        uint8_t* old = BlockOf(p_);
+        block = static_cast<uint8_t*>(h->manager->Reallocate(old, bytes));
+        if (!block) {
+            block = static_cast<uint8_t*>(h->manager->Allocate(bytes));
+            if (!block) throw std::bad_alloc();
+            memcpy(block, old, BlockBytes(h->capacity) < bytes ? BlockBytes(h->capacity) : bytes);
+            h->manager->Free(old);
+        }
+    } else {
+        block = static_cast<uint8_t*>(h->manager->Allocate(bytes));
+        if (!block) {
+            if (freshHeader) free(h);
+            throw std::bad_alloc();
+        }
+        memset(block, 0, bytes);
+        if (p_) {
+            size_t keep = h->length < count ? static_cast<size_t>(h->length) : count;
+            memcpy(block + kLeadBytes, p_, keep * sizeof(wchar_t));
+        }
+    }
+    WriteWord(block, kGuard);
+    memcpy(block + 4, &h, sizeof h);
+    WriteWord(block + 12, kGuard);
+    WriteWord(block + kLeadBytes + count * 2 + 2, kGuard);
+    p_ = reinterpret_cast<wchar_t*>(block + kLeadBytes);
+    p_[count] = 0;
+    h->capacity = count;
+    h->ownsBlock = 1;
+    if (h->length > count) {
+        h->length = count;
+    }
+    p_[h->length] = 0;
+}
+
+void S::Grow(size_t needed) {
+    Header* h = HeaderPtr();
+    size_t c = h ? static_cast<size_t>(h->capacity) : 0;
+    if (p_ && needed <= c) return;
+    size_t growth = h ? static_cast<size_t>(h->growth) : kGrowth;
+    size_t extra = needed > c ? needed - c : 0;
+    if (extra < growth) extra = growth;
+    size_t step = c < 1024 ? (extra > c ? extra : c) : (extra > 1024 ? extra : 1024);
+    Reserve(c + step);
+}
+
+void S::SetLength(size_t count) {
+    CheckValid();
+    Header* h = HeaderPtr();
+    if (!h) { if (count == 0) return; std::terminate(); }
+    if (count > h->capacity) std::terminate();
+    h->length = count;
+    p_[count] = 0;
+}
+
+void S::Assign(const wchar_t* text, size_t count) {
+    CheckValid();
+    if (count == npos) count = ChTraitsCRT<wchar_t>::Length(text);
+    if (!text) count = 0;
+    // Text that lives inside this string's own block must survive a reallocation.
+    if (p_ && text >= p_ && text <= p_ + Capacity()) {
+        StringT copy(text, count);
+        *this = static_cast<StringT&&>(copy);
+        return;
+    }
+    Grow(count);
+    Header* h = HeaderPtr();
+    if (count > h->capacity) std::terminate();
+    if (count) memcpy(p_, text, count * sizeof(wchar_t));
+    h->length = count;
+    p_[count] = 0;
+    CheckValid();
+}
+
+void S::Append(const wchar_t* text, size_t count) {
+    CheckValid();
+    if (count == npos) count = ChTraitsCRT<wchar_t>::Length(text);
+    if (!text || !count) return;
+    if (p_ && text >= p_ && text <= p_ + Capacity()) {
+        StringT copy(text, count);
+        Append(copy.c_str(), count);
+        return;
+    }
+    size_t len = Length();
+    Grow(len + count);
+    memcpy(p_ + len, text, count * sizeof(wchar_t));
+    SetLength(len + count);
+}
+
+void S::Clear() {
+    if (p_) SetLength(0);
+}
+
+void S::Release() noexcept {
+    CheckValid();
+    Header* h = HeaderPtr();
+    if (!p_ || !h) { p_ = nullptr; return; }
+    IMemMgr* mgr = h->manager;
+    if (h->ownsBlock) mgr->Free(BlockOf(p_));
+    mgr->OnRelease();
+    if (h->ownsHeader) free(h);
+    p_ = nullptr;
+}
+
+void S::Format(const wchar_t* format, ...) {
+    va_list args;
+    va_start(args, format);
+    FormatV(format, args);
+    va_end(args);
+}
+
+void S::FormatV(const wchar_t* format, va_list args) {
+    if (!format) {
+        Reserve(Capacity() > 0 ? Capacity() : kGrowth);
+        SetLength(0);
+        return;
+    }
+    va_list measure;
+    va_copy(measure, args);
+    int count = _vscwprintf(format, measure);
+    va_end(measure);
+    if (count < 0) count = -1;
+    if (Capacity() < static_cast<size_t>(count + 2)) Reserve(static_cast<size_t>(count + 2));
+    if (count >= 0) {
+        va_list print;
+        va_copy(print, args);
+        _vsnwprintf(p_, static_cast<size_t>(count) + 1, format, print);
+        va_end(print);
+    }
+    SetLength(count < 0 ? 0 : static_cast<size_t>(count));
+    CheckValid();
+}
+
+int S::Scan(const wchar_t* format, ...) const {
+    va_list args;
+    va_start(args, format);
+    int n = vswscanf(c_str(), format, args);
+    va_end(args);
+    return n;
+}
+
+int S::Compare(const wchar_t* other) const {
+    const wchar_t* a = c_str();
+    const wchar_t* b = other ? other : L"";
+    return wcscmp(a, b);
+}
+
+int S::CompareNoCase(const wchar_t* other) const { return _wcsicmp(c_str(), other ? other : L""); }
+
+std::string S::ToUtf8() const {
+    std::string out;
+    size_t len = Length();
+    if (!len) return out;
+    int n = WideCharToMultiByte(CP_UTF8, 0, p_, static_cast<int>(len), nullptr, 0, nullptr, nullptr);
+    if (n <= 0) return out;
+    out.resize(static_cast<size_t>(n));
+    WideCharToMultiByte(CP_UTF8, 0, p_, static_cast<int>(len), &out[0], n, nullptr, nullptr);
+    return out;
+}
+
+void S::AssignUtf8(const char* text, size_t count) {
+    if (count == npos) count = text ? strlen(text) : 0;
+    if (!text || !count) { Assign(L"", 0); return; }
+    int n = MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(count), nullptr, 0);
+    if (n <= 0) { Assign(L"", 0); return; }
+    Reserve(Capacity() > static_cast<size_t>(n) ? Capacity() : static_cast<size_t>(n));
+    MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(count), p_, n);
+    SetLength(static_cast<size_t>(n));
+}
+
+S S::FromUtf8(const char* text, size_t count) {
+    StringT s;
+    s.AssignUtf8(text, count);
+    return s;
+}
+
+} // namespace qv

@@ -1,0 +1,119 @@
+#pragma once
+// Wide UTF-16 string of the SDK interfaces: one pointer to guarded character storage that comes
+// from a pluggable memory manager. A broken guard word means the heap is corrupt, so the
+// process is ended rather than allowed to go on with bad memory.
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <wchar.h>
+
+namespace qv {
+
+struct IMemMgr {
+    virtual void* Allocate(size_t bytes) = 0;
+    virtual void* Reallocate(void* block, size_t bytes) = 0;
+    virtual void Free(void* block) = 0;
+    // Called once each time a string gives its storage back.
+    virtual void OnRelease() = 0;
+};
+
+class StringMemMgr : public IMemMgr {
+public:
+    constexpr StringMemMgr() = default;
+    void* Allocate(size_t bytes) override;
+    void* Reallocate(void* block, size_t bytes) override;
+    void Free(void* block) override;
+    void OnRelease() override {}
+    static StringMemMgr& Default();
+};
+
+template <class Ch> struct ChTraitsCRT;
+template <> struct ChTraitsCRT<wchar_t> {
+    static size_t Length(const wchar_t* s) { return s ? wcslen(s) : 0; }
+};
+
+template <class Ch, class Mgr, class Traits, int Flags> class StringT;
+
+template <>
+class StringT<wchar_t, StringMemMgr, ChTraitsCRT<wchar_t>, 1> {
+public:
+    static constexpr size_t npos = static_cast<size_t>(-1);
+    static constexpr uint32_t kGuard = 0x0000ABCD;
+    static constexpr size_t kGrowth = 64;
+
+    struct Header {
+        IMemMgr* manager;
+        uint64_t length;
+        uint64_t capacity;
+        uint64_t growth;
+        uint8_t ownsBlock;
+        uint8_t ownsHeader;
+    };
+
+    StringT() noexcept : p_(nullptr) {}
+    StringT(const wchar_t* text);
+    StringT(const wchar_t* text, size_t count);
+    StringT(const StringT& other);
+    StringT(StringT&& other) noexcept;
+    ~StringT();
+
+    StringT& operator=(const StringT& other);
+    StringT& operator=(StringT&& other) noexcept;
+    StringT& operator=(const wchar_t* text);
+
+    static StringT FromUtf8(const char* text, size_t count = npos);
+    static StringT FromUtf8(const std::string& text) { return FromUtf8(text.data(), text.size()); }
+    std::string ToUtf8() const;
+    void AssignUtf8(const char* text, size_t count = npos);
+
+    // Never null: a string without storage reads as "".
+    const wchar_t* c_str() const { return p_ ? p_ : L""; }
+    operator const wchar_t*() const { return c_str(); }
+    size_t Length() const;
+    size_t Capacity() const;
+    bool IsEmpty() const { return Length() == 0; }
+    bool HasStorage() const { return p_ != nullptr; }
+    wchar_t operator[](size_t i) const { return c_str()[i]; }
+    const Header* GetHeader() const;
+
+    // Raw access for Windows calls that write in place: reserve, write, then SetLength.
+    wchar_t* Buffer() { return p_; }
+    void Reserve(size_t count);
+    void SetLength(size_t count);
+    void Assign(const wchar_t* text, size_t count = npos);
+    void Append(const wchar_t* text, size_t count = npos);
+    void Append(wchar_t ch) { Append(&ch, 1); }
+    void Append(const StringT& other) { Append(other.c_str(), other.Length()); }
+    void Clear();
+
+    void Format(const wchar_t* format, ...);
+    void FormatV(const wchar_t* format, va_list args);
+    int Scan(const wchar_t* format, ...) const;
+
+    int Compare(const wchar_t* other) const;
+    int CompareNoCase(const wchar_t* other) const;
+    bool EqualsNoCase(const wchar_t* other) const { return CompareNoCase(other) == 0; }
+    bool EndsWith(wchar_t ch) const { size_t n = Length(); return n && p_[n - 1] == ch; }
+
+    // Terminates the process if a guard word is broken.
+    void CheckValid() const;
+
+private:
+    Header* HeaderPtr() const;
+    void Release() noexcept;
+    void Grow(size_t needed);
+    IMemMgr* Manager() const;
+
+    wchar_t* p_;
+};
+
+using StringW = StringT<wchar_t, StringMemMgr, ChTraitsCRT<wchar_t>, 1>;
+
+inline bool operator==(const StringW& a, const StringW& b) { return a.Compare(b.c_str()) == 0; }
+inline bool operator!=(const StringW& a, const StringW& b) { return !(a == b); }
+inline bool operator==(const StringW& a, const wchar_t* b) { return a.Compare(b) == 0; }
+inline bool operator!=(const StringW& a, const wchar_t* b) { return !(a == b); }
+inline bool operator<(const StringW& a, const StringW& b) { return a.Compare(b.c_str()) < 0; }
+
+} // namespace qv
