@@ -1,0 +1,143 @@
+#include "host/RemoteScanPlugin.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace host {
+
+void RemoteScanPlugin::SetStatus(bool enabled) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    status_ = enabled;
+}
+
+void RemoteScanPlugin::SetFallbackMode(uint32_t mode) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    fallbackMode_ = mode;
+}
+
+void RemoteScanPlugin::SetServerCount(uint32_t count) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    serverCount_ = count;
+}
+
+void RemoteScanPlugin::FailQueries(DWORD code) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    queryError_ = code;
+}
+
+void RemoteScanPlugin::RefuseRegistration(DWORD code) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    refuseCode_ = code;
+}
+
+RemoteScanPlugin::Counts RemoteScanPlugin::GetCounts() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return counts_;
+}
+
+std::vector<RemoteScanPlugin::RegistrationRecord> RemoteScanPlugin::Registrations() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return registrations_;
+}
+
+std::vector<RemoteScanPlugin::RegistrationRecord> RemoteScanPlugin::Unregistrations() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return unregistrations_;
+}
+
+std::vector<RemoteScanPlugin::IEvents*> RemoteScanPlugin::RegisteredSinks() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sinks_;
+}
+
+std::vector<RemoteScanPlugin::FireRecord> RemoteScanPlugin::Fires() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return fires_;
+}
+
+DWORD RemoteScanPlugin::GetStatus(bool* enabled) {
+    if (!enabled) return ERROR_INVALID_PARAMETER;
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++counts_.statusQueries;
+    *enabled = status_;
+    return queryError_;
+}
+
+DWORD RemoteScanPlugin::GetServerCount(uint32_t* count) {
+    if (!count) return ERROR_INVALID_PARAMETER;
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++counts_.serverCountQueries;
+    *count = serverCount_;
+    return queryError_;
+}
+
+DWORD RemoteScanPlugin::GetFallbackMode(uint32_t* mode) {
+    if (!mode) return ERROR_INVALID_PARAMETER;
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++counts_.fallbackQueries;
+    *mode = fallbackMode_;
+    return queryError_;
+}
+
+DWORD RemoteScanPlugin::RegisterEvents(IEvents* sink, uint32_t reserved) {
+    try {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++counts_.registers;
+        DWORD result = !sink ? ERROR_INVALID_PARAMETER : refuseCode_;
+        registrations_.push_back(RegistrationRecord{sink, reserved, result});
+        if (result == ERROR_SUCCESS && std::find(sinks_.begin(), sinks_.end(), sink) == sinks_.end())
+            sinks_.push_back(sink);
+        return result;
+    } catch (...) {
+        return ERROR_INTERNAL_ERROR;
+    }
+}
+
+DWORD RemoteScanPlugin::UnregisterEvents(IEvents* sink, uint32_t reserved) {
+    try {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++counts_.unregisters;
+        auto it = std::find(sinks_.begin(), sinks_.end(), sink);
+        DWORD result = it == sinks_.end() ? ERROR_NOT_FOUND : ERROR_SUCCESS;
+        if (it != sinks_.end()) sinks_.erase(it);
+        unregistrations_.push_back(RegistrationRecord{sink, reserved, result});
+        return result;
+    } catch (...) {
+        return ERROR_INTERNAL_ERROR;
+    }
+}
+
+DWORD RemoteScanPlugin::Fire(DWORD (*call)(IEvents*, bool), bool argument, DWORD timeoutMs) {
+    auto result = std::make_shared<DWORD>(ERROR_NOT_FOUND);
+    auto job = [this, call, argument, result]() {
+        std::vector<IEvents*> sinks;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            sinks = sinks_;
+        }
+        FireRecord record;
+        record.threadId = GetCurrentThreadId();
+        for (IEvents* sink : sinks) {
+            *result = call(sink, argument);
+            record.results.push_back(*result);
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++counts_.fires;
+        fires_.push_back(std::move(record));
+    };
+    return threads_.RunAndWait(job, timeoutMs) ? *result : WAIT_TIMEOUT;
+}
+
+DWORD RemoteScanPlugin::FireStatusChanged(bool status, DWORD timeoutMs) {
+    return Fire([](IEvents* sink, bool value) { return sink->OnStatusChanged(value); }, status, timeoutMs);
+}
+
+DWORD RemoteScanPlugin::FireSettingsChanged(DWORD timeoutMs) {
+    return Fire([](IEvents* sink, bool) { return sink->OnSettingsChanged(); }, false, timeoutMs);
+}
+
+DWORD RemoteScanPlugin::FireScanModeChanged(DWORD timeoutMs) {
+    return Fire([](IEvents* sink, bool) { return sink->OnScanModeChanged(); }, false, timeoutMs);
+}
+
+} // namespace host

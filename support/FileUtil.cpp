@@ -1,0 +1,209 @@
+#include "support/FileUtil.h"
+
+#include <windows.h>
+#include <shlwapi.h>
+
+// Start of the module this code is linked into (the plug-in, or a test program).
+extern "C" IMAGE_DOS_HEADER __ImageBase;
+
+namespace qv { namespace file {
+
+namespace {
+
+constexpr size_t kRoom = 64;
+constexpr size_t kMaxModulePath = 32768;
+
+void MakeRoom(StringW& s) {
+    size_t need = s.Length() + kRoom;
+    if (!s.HasStorage() || s.Capacity() < need) s.Reserve(need);
+}
+
+void SyncLength(StringW& s) { s.SetLength(wcslen(s.Buffer())); }
+
+bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
+
+// The shell path functions and the classic file API stop at MAX_PATH.
+bool TooLong(const wchar_t* path) { return wcsnlen(path, MAX_PATH) >= MAX_PATH; }
+
+bool SameText(const StringW& a, const StringW& b) {
+    return CompareStringOrdinal(a.c_str(), static_cast<int>(a.Length()), b.c_str(),
+                                static_cast<int>(b.Length()), TRUE) == CSTR_EQUAL;
+}
+
+// What a path really names, without following a link at its end.
+bool FinalName(const wchar_t* path, StringW& out) {
+    HANDLE h = CreateFileW(path, FILE_READ_ATTRIBUTES,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
+                           nullptr);
+    if (h == INVALID_HANDLE_VALUE) return false;
+    const DWORD cap = 1024;
+    if (!out.HasStorage() || out.Capacity() < cap) out.Reserve(cap);
+    DWORD n = GetFinalPathNameByHandleW(h, out.Buffer(), cap, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    CloseHandle(h);
+    if (n == 0 || n >= cap) return false;
+    out.SetLength(n);
+    return true;
+}
+
+// True when opening the entry reaches the entry itself. Some platforms resolve symbolic links
+// even when asked not to, and do not always flag them as reparse points; deleting through such
+// a path would hit the link's target, so these entries are left alone.
+bool NamesItself(const StringW& path, const StringW& expected) {
+    StringW real;
+    return FinalName(path, real) && SameText(real, expected);
+}
+
+bool ClearReadOnly(const wchar_t* path) {
+    DWORD attr = GetFileAttributesW(path);
+    return attr != INVALID_FILE_ATTRIBUTES &&
+           SetFileAttributesW(path, attr & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
+}
+
+bool DeleteFileOrReadOnly(const wchar_t* path) {
+    if (DeleteFileW(path)) return true;
+    if (GetLastError() != ERROR_ACCESS_DENIED || !ClearReadOnly(path)) return false;
+    return DeleteFileW(path) != FALSE;
+}
+
+bool RemoveFolderOrReadOnly(const wchar_t* path) {
+    if (RemoveDirectoryW(path)) return true;
+    if (GetLastError() != ERROR_ACCESS_DENIED || !ClearReadOnly(path)) return false;
+    return RemoveDirectoryW(path) != FALSE;
+}
+
+// A link goes as a link: RemoveDirectoryW and DeleteFileW act on the link, not on its target.
+bool RemoveLink(const wchar_t* path, DWORD attr) {
+    return (attr & FILE_ATTRIBUTE_DIRECTORY) ? RemoveDirectoryW(path) != FALSE
+                                             : DeleteFileW(path) != FALSE;
+}
+
+bool DeleteTree(const StringW& folder, const StringW& real);
+
+bool DeleteEntry(const StringW& folder, const StringW& real, const WIN32_FIND_DATAW& entry) {
+    const wchar_t* name = entry.cFileName;
+    if (wcscmp(name, L".") == 0 || wcscmp(name, L"..") == 0) return true;
+    StringW path(folder);
+    JoinPath(path, name);
+    if (path.Length() >= MAX_PATH) return false;
+    StringW expected(real);
+    JoinPath(expected, name);
+    if (!NamesItself(path, expected)) return false;
+    const DWORD attr = entry.dwFileAttributes;
+    if (attr & FILE_ATTRIBUTE_REPARSE_POINT) return RemoveLink(path, attr);
+    if (attr & FILE_ATTRIBUTE_DIRECTORY) return DeleteTree(path, expected);
+    return DeleteFileOrReadOnly(path);
+}
+
+bool DeleteTree(const StringW& folder, const StringW& real) {
+    bool ok = true;
+    StringW pattern(folder);
+    JoinPath(pattern, L"*");
+    if (pattern.Length() < MAX_PATH) {
+        WIN32_FIND_DATAW entry;
+        HANDLE find = FindFirstFileW(pattern, &entry);
+        if (find != INVALID_HANDLE_VALUE) {
+            do {
+                if (!DeleteEntry(folder, real, entry)) ok = false;
+            } while (FindNextFileW(find, &entry));
+            FindClose(find);
+        }
+    } else {
+        ok = false;
+    }
+    if (!RemoveFolderOrReadOnly(folder)) ok = false;
+    return ok;
+}
+
+// The caller named a link: it goes, its target stays.
+bool DeleteTopLink(const StringW& folder) {
+    StringW parent(folder);
+    StringW name(PathFindFileNameW(parent.Buffer()));
+    if (!RemoveFileName(parent) || parent.IsEmpty()) parent = L".";
+    StringW expected;
+    if (!FinalName(parent, expected)) return false;
+    JoinPath(expected, name);
+    if (!NamesItself(folder, expected)) return false;
+    return RemoveDirectoryW(folder) != FALSE;
+}
+
+} // namespace
+
+void RemoveBackslash(StringW& path) {
+    MakeRoom(path);
+    PathRemoveBackslashW(path.Buffer());
+    SyncLength(path);
+}
+
+bool RemoveFileName(StringW& path) {
+    MakeRoom(path);
+    BOOL removed = PathRemoveFileSpecW(path.Buffer());
+    SyncLength(path);
+    return removed != FALSE;
+}
+
+bool GetModuleFolder(StringW& folder) {
+    HMODULE self = reinterpret_cast<HMODULE>(&__ImageBase);
+    // Start from a full classic path and grow for long-path installations.
+    size_t cap = folder.Capacity() > MAX_PATH ? folder.Capacity() : MAX_PATH;
+    for (;;) {
+        if (!folder.HasStorage() || folder.Capacity() < cap) folder.Reserve(cap);
+        DWORD n = GetModuleFileNameW(self, folder.Buffer(), static_cast<DWORD>(cap));
+        if (n == 0) {
+            folder.SetLength(0);
+            return false;
+        }
+        if (n < cap) {
+            folder.SetLength(n);
+            break;
+        }
+        if (cap >= kMaxModulePath) {
+            folder.SetLength(0);
+            return false;
+        }
+        cap *= 2;
+    }
+    RemoveFileName(folder);
+    MakeRoom(folder);
+    if (!PathAddBackslashW(folder.Buffer())) {
+        SyncLength(folder);
+        if (!folder.EndsWith(L'\\')) folder.Append(L'\\');
+        return true;
+    }
+    SyncLength(folder);
+    return true;
+}
+
+bool JoinPath(StringW& base, const wchar_t* name) {
+    if (!base.IsEmpty() && !IsSeparator(base[base.Length() - 1])) base.Append(L'\\');
+    if (name) {
+        while (IsSeparator(*name)) ++name;
+        base.Append(name);
+    }
+    return true;
+}
+
+bool CreateFolderTree(const wchar_t* path) {
+    if (!path || !*path || TooLong(path)) return false;
+    if (PathFileExistsW(path)) return true;
+    StringW parent(path);
+    RemoveBackslash(parent);
+    if (RemoveFileName(parent) && !parent.IsEmpty() && !CreateFolderTree(parent)) return false;
+    return CreateDirectoryW(path, nullptr) || GetLastError() == ERROR_ALREADY_EXISTS;
+}
+
+bool DeleteFolderTree(const wchar_t* path) {
+    if (!path || !*path || TooLong(path)) return false;
+    // "link\" would reach through the link to its target: look at the name itself.
+    StringW folder(path);
+    RemoveBackslash(folder);
+    if (!PathFileExistsW(folder) || !PathIsDirectoryW(folder)) return false;
+    DWORD attr = GetFileAttributesW(folder);
+    if (attr == INVALID_FILE_ATTRIBUTES) return false;
+    if (attr & FILE_ATTRIBUTE_REPARSE_POINT) return DeleteTopLink(folder);
+    StringW real;
+    if (!FinalName(folder, real)) return false;
+    return DeleteTree(folder, real);
+}
+
+}} // namespace qv::file

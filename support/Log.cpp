@@ -1,0 +1,242 @@
+#include "support/Log.h"
+
+#include <cstdlib>
+#include <cwchar>
+#include <memory>
+
+// The image that contains this code: the plug-in DLL, a test program or the host.
+extern "C" IMAGE_DOS_HEADER __ImageBase;
+
+namespace logging {
+namespace {
+
+// Process-wide state of this image, all zero at load. The counts and the instance pointer change
+// only under the spin word; message sites read the counts without it.
+CLogDLL* g_instance;
+volatile LONG g_useCount;
+volatile LONG g_secondCount;
+volatile LONG g_spin;
+bool g_exitHookSet;
+
+constexpr DWORD kPathCapacity = 32767;
+
+HMODULE ThisModule()
+{
+    return reinterpret_cast<HMODULE>(&__ImageBase);
+}
+
+HRESULT StubWrite(uint16_t, const uint32_t*, HMODULE, const wchar_t*, const wchar_t*, va_list)
+{
+    return E_NOINTERFACE;
+}
+
+void* Resolve(HMODULE module, const char* name)
+{
+    return reinterpret_cast<void*>(GetProcAddress(module, name));
+}
+
+void CallIfPresent(void* entry)
+{
+    if (entry != nullptr)
+        reinterpret_cast<LogVoidFn>(entry)();
+}
+
+// Looks for log.dll beside the image that contains this code.
+HMODULE LoadFromOwnFolder()
+{
+    std::unique_ptr<wchar_t[]> path(new wchar_t[kPathCapacity]());
+    DWORD length = GetModuleFileNameW(ThisModule(), path.get(), kPathCapacity);
+    if (length == 0 || length >= kPathCapacity)
+        return nullptr;
+    wchar_t* slash = wcsrchr(path.get(), L'\\');
+    if (slash == nullptr)
+        return nullptr;
+    size_t room = kPathCapacity - static_cast<size_t>(slash - path.get());
+    if (wcscpy_s(slash, room, L"\\log.dll") != 0)
+        return nullptr;
+    return LoadLibraryW(path.get());
+}
+
+void TakeSpin()
+{
+    while (InterlockedExchange(&g_spin, 1) == 1)
+        Sleep(1);
+}
+
+void FreeSpin()
+{
+    InterlockedExchange(&g_spin, 0);
+}
+
+// Registered once so that the runtime knows about this module's exit; the library itself is
+// deliberately left loaded at process exit.
+void OnProcessExit()
+{
+}
+
+} // namespace
+
+CLogDLL::CLogDLL()
+    : module(nullptr), applySettings(nullptr), setSettingsFile(nullptr), enable(nullptr),
+      setLevel(nullptr), setPath(nullptr), setType(nullptr), setMode(nullptr), setMaxSize(nullptr),
+      setDepth(nullptr), write(nullptr), isEnabled(nullptr), monitorSettings(nullptr),
+      uninitDeskMetrics(nullptr), trackEvent(nullptr), trackEventData(nullptr), removeModule(nullptr),
+      getLevel(nullptr)
+{
+    if (!GetModuleHandleExW(0, L"log.dll", &module))
+        module = nullptr;
+    if (module == nullptr)
+        module = LoadFromOwnFolder();
+    if (module == nullptr) {
+        write = &StubWrite;
+        return;
+    }
+
+    CallIfPresent(Resolve(module, "LogInit"));
+
+    applySettings = Resolve(module, "LogApplySettings");
+    setSettingsFile = Resolve(module, "LogSetSettingsFile");
+    enable = Resolve(module, "LogEnable");
+    setLevel = Resolve(module, "LogSetLevel");
+    setPath = Resolve(module, "LogSetPath");
+    setType = Resolve(module, "LogSetType");
+    setMode = Resolve(module, "LogSetMode");
+    setMaxSize = Resolve(module, "LogSetMaxSize");
+    setDepth = Resolve(module, "LogSetDepth");
+    write = reinterpret_cast<LogWriteFn>(Resolve(module, "LogWrite"));
+    isEnabled = Resolve(module, "LogIsEnabled");
+    monitorSettings = Resolve(module, "LogMonitorSettings");
+    getLevel = Resolve(module, "LogGetLevel");
+    uninitDeskMetrics = reinterpret_cast<LogVoidFn>(Resolve(module, "LogUninitDeskMetrics"));
+    trackEvent = Resolve(module, "LogTrackEvent");
+    trackEventData = Resolve(module, "LogTrackEventData");
+    removeModule = reinterpret_cast<LogRemoveModuleFn>(Resolve(module, "LogRemoveModule"));
+
+    if (write == nullptr)
+        write = &StubWrite;
+}
+
+CLogDLL::~CLogDLL()
+{
+    if (module == nullptr)
+        return;
+    CallIfPresent(Resolve(module, "LogDeinit"));
+    if (uninitDeskMetrics != nullptr)
+        uninitDeskMetrics();
+    if (removeModule != nullptr)
+        removeModule("logging::CLogDLL::~CLogDLL");
+    FreeLibrary(module);
+}
+
+void CLogDLLRef::Acquire()
+{
+    // An allocation failure below leaves the spin word held: there is no way to log or recover
+    // from that state, and the process is about to fail anyway.
+    TakeSpin();
+    if (g_secondCount == 0 && g_useCount == 0) {
+        if (g_instance != nullptr) {
+            delete g_instance;
+            g_instance = nullptr;
+        }
+        g_instance = new CLogDLL();
+        if (!g_exitHookSet && std::atexit(&OnProcessExit) == 0)
+            g_exitHookSet = true;
+    }
+    ++g_useCount;
+    CLogDLL* instance = g_instance;
+    FreeSpin();
+
+    instance_ = instance;
+    InterlockedIncrement(&count_);
+}
+
+void CLogDLLRef::Release()
+{
+    instance_ = nullptr;
+    if (InterlockedDecrement(&count_) < 0) {
+        InterlockedIncrement(&count_);
+        return;
+    }
+    do {
+        TakeSpin();
+        if (g_useCount > 0)
+            --g_useCount;
+        else if (g_secondCount > 0)
+            g_secondCount = 0;
+        if (g_instance != nullptr && g_useCount == 0 && g_secondCount == 0) {
+            delete g_instance;
+            g_instance = nullptr;
+        }
+        FreeSpin();
+    } while (InterlockedDecrement(&count_) >= 0);
+    InterlockedIncrement(&count_);
+}
+
+bool IsLoggingInUse()
+{
+    return g_useCount + g_secondCount != 0;
+}
+
+long UseCount()
+{
+    return g_useCount;
+}
+
+long SecondCount()
+{
+    return g_secondCount;
+}
+
+CLogDLL* CurrentInstance()
+{
+    return g_instance;
+}
+
+HRESULT WriteV(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module,
+               const wchar_t* function, const wchar_t* format, va_list args)
+{
+    if (instance == nullptr || instance->write == nullptr)
+        return E_NOINTERFACE;
+    return instance->write(nesting, severity, module, function, format, args);
+}
+
+HRESULT Write(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module,
+              const wchar_t* function, const wchar_t* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    HRESULT result = WriteV(instance, nesting, severity, module, function, format, args);
+    va_end(args);
+    return result;
+}
+
+void WriteMessageV(uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args)
+{
+    if (!IsLoggingInUse())
+        return;
+    // A message must never change the outcome of the operation that writes it.
+    try {
+        CLogDLLRef holder;
+        holder.Acquire();
+        if (holder.Get() == nullptr)
+            holder.Acquire();
+        uint32_t level = severity;
+        WriteV(holder.Get(), 0, &level, ThisModule(), function, format, args);
+    } catch (...) {
+    }
+}
+
+void WriteMessage(uint32_t severity, const wchar_t* function, const wchar_t* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    WriteMessageV(severity, function, format, args);
+    va_end(args);
+}
+
+HMODULE CurrentModule()
+{
+    return ThisModule();
+}
+
+} // namespace logging
