@@ -95,6 +95,11 @@ void SettingsStore::RefuseOpen(bool refuse) {
     refuseOpen_ = refuse;
 }
 
+void SettingsStore::RefuseNextOpens(int n) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    refuseNext_ = n > 0 ? n : 0;
+}
+
 void SettingsStore::FailSetNumber(int n) {
     std::lock_guard<std::mutex> lock(mutex_);
     failAt_ = n > 0 ? counts_.sets + n : 0;
@@ -138,7 +143,8 @@ std::vector<std::wstring> SettingsStore::OpenedPaths() const {
 IKXSettingsSection* SettingsStore::OpenSection(const wchar_t* path, uint32_t, uint32_t, uint32_t) {
     try {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (!path || !*path || refuseOpen_) {
+        if (!path || !*path || refuseOpen_ || refuseNext_ > 0) {
+            if (refuseNext_ > 0) --refuseNext_;
             ++counts_.refusedOpens;
             return nullptr;
         }

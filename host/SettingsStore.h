@@ -49,6 +49,8 @@ public:
     bool SetDocument(const Json::Value& document);
 
     void RefuseOpen(bool refuse);
+    // The next n OpenSection calls are answered with null; 0 cancels.
+    void RefuseNextOpens(int n);
     // The n-th set from now (1-based) fails without writing anything; 0 cancels.
     void FailSetNumber(int n);
     void FailAllSets(bool fail);
@@ -77,6 +79,7 @@ private:
     Json::Value document_{Json::objectValue};
     bool corrupt_ = false;
     bool refuseOpen_ = false;
+    int refuseNext_ = 0;
     bool failAll_ = false;
     int failAt_ = 0;  // value of counts_.sets whose call fails; 0 for none
     Counts counts_;

@@ -65,11 +65,11 @@ void AntivirusScanAL::CleanCoreTempFolder() {
         full.Append(entry.cFileName);
         if (full.CompareNoCase(folder.c_str()) == 0) continue;
         QV_LOG(LOG_SEV_DETAIL, L"Deleting [%s]", full.c_str());
+        // Links among the siblings go as links: what they point to is not the provider's.
         if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
             file::DeleteFolderTree(full.c_str());
-        } else if (!DeleteFileW(full.c_str()) && GetLastError() == ERROR_ACCESS_DENIED) {
-            SetFileAttributesW(full.c_str(), entry.dwFileAttributes & ~FILE_ATTRIBUTE_READONLY);
-            DeleteFileW(full.c_str());
+        } else {
+            file::DeleteFileEntry(full.c_str());
         }
     } while (FindNextFileW(find, &entry));
     FindClose(find);

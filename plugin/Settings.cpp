@@ -30,7 +30,7 @@ bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
     if (!section->GetUInt(L"engines/reloadStatus", out.reloadStatus)) out.reloadStatus = 2;
 
     std::string folder;
-    if (!section->GetString(L"engines/folder", folder)) folder.clear();
+    section->GetString(L"engines/folder", folder);
     out.enginesFolder = StringW::FromUtf8(folder);
     return true;
 }

@@ -48,7 +48,7 @@ bool FinalName(const wchar_t* path, StringW& out) {
 
 // True when opening the entry reaches the entry itself. Some platforms resolve symbolic links
 // even when asked not to, and do not always flag them as reparse points; deleting through such
-// a path would hit the link's target, so these entries are left alone.
+// a path would hit the link's target, so these entries are never deleted by name.
 bool NamesItself(const StringW& path, const StringW& expected) {
     StringW real;
     return FinalName(path, real) && SameText(real, expected);
@@ -78,6 +78,47 @@ bool RemoveLink(const wchar_t* path, DWORD attr) {
                                              : DeleteFileW(path) != FALSE;
 }
 
+// Where the platform resolved a link to a file (the name opens as something else), deleting
+// the name would delete the file it points to. Renaming a fresh file onto the name replaces the
+// directory entry itself, since a rename never follows a link at its destination; that fresh
+// file is deleted only once the name is seen to open as itself. A link to a folder cannot be
+// replaced this way and stays where it is.
+bool ReplaceLinkToFile(const StringW& path, const StringW& expected) {
+    StringW folder(path);
+    if (!RemoveFileName(folder)) return false;
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        StringW name;
+        name.Format(L"~avdel%08lx%02d.tmp", static_cast<unsigned long>(GetTickCount()), attempt);
+        StringW temp(folder);
+        JoinPath(temp, name);
+        if (temp.Length() >= MAX_PATH) return false;
+        HANDLE h = CreateFileW(temp, GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (h == INVALID_HANDLE_VALUE) {
+            if (GetLastError() == ERROR_FILE_EXISTS) continue;
+            return false;
+        }
+        CloseHandle(h);
+        if (!MoveFileExW(temp, path, MOVEFILE_REPLACE_EXISTING)) {
+            DeleteFileW(temp);
+            return false;
+        }
+        return NamesItself(path, expected) && DeleteFileW(path) != FALSE;
+    }
+    return false;
+}
+
+// One entry that is not walked into: a file, or any kind of link.
+bool DeleteLeaf(const StringW& path, const StringW& expected, DWORD attr) {
+    StringW real;
+    if (!FinalName(path, real)) return false;
+    if (SameText(real, expected)) {
+        if (attr & FILE_ATTRIBUTE_REPARSE_POINT) return RemoveLink(path, attr);
+        return DeleteFileOrReadOnly(path);
+    }
+    if (attr & FILE_ATTRIBUTE_DIRECTORY) return false;
+    return ReplaceLinkToFile(path, expected);
+}
+
 bool DeleteTree(const StringW& folder, const StringW& real);
 
 bool DeleteEntry(const StringW& folder, const StringW& real, const WIN32_FIND_DATAW& entry) {
@@ -88,11 +129,12 @@ bool DeleteEntry(const StringW& folder, const StringW& real, const WIN32_FIND_DA
     if (path.Length() >= MAX_PATH) return false;
     StringW expected(real);
     JoinPath(expected, name);
-    if (!NamesItself(path, expected)) return false;
     const DWORD attr = entry.dwFileAttributes;
-    if (attr & FILE_ATTRIBUTE_REPARSE_POINT) return RemoveLink(path, attr);
-    if (attr & FILE_ATTRIBUTE_DIRECTORY) return DeleteTree(path, expected);
-    return DeleteFileOrReadOnly(path);
+    if ((attr & FILE_ATTRIBUTE_DIRECTORY) && !(attr & FILE_ATTRIBUTE_REPARSE_POINT)) {
+        if (!NamesItself(path, expected)) return false;
+        return DeleteTree(path, expected);
+    }
+    return DeleteLeaf(path, expected, attr);
 }
 
 bool DeleteTree(const StringW& folder, const StringW& real) {
@@ -115,15 +157,21 @@ bool DeleteTree(const StringW& folder, const StringW& real) {
     return ok;
 }
 
-// The caller named a link: it goes, its target stays.
-bool DeleteTopLink(const StringW& folder) {
-    StringW parent(folder);
+// The real path that the name `path` would have if it named itself: its folder's real path
+// joined with its last component.
+bool ExpectedName(const StringW& path, StringW& expected) {
+    StringW parent(path);
     StringW name(PathFindFileNameW(parent.Buffer()));
     if (!RemoveFileName(parent) || parent.IsEmpty()) parent = L".";
-    StringW expected;
     if (!FinalName(parent, expected)) return false;
     JoinPath(expected, name);
-    if (!NamesItself(folder, expected)) return false;
+    return true;
+}
+
+// The caller named a link: it goes, its target stays.
+bool DeleteTopLink(const StringW& folder) {
+    StringW expected;
+    if (!ExpectedName(folder, expected) || !NamesItself(folder, expected)) return false;
     return RemoveDirectoryW(folder) != FALSE;
 }
 
@@ -204,6 +252,16 @@ bool DeleteFolderTree(const wchar_t* path) {
     StringW real;
     if (!FinalName(folder, real)) return false;
     return DeleteTree(folder, real);
+}
+
+bool DeleteFileEntry(const wchar_t* path) {
+    if (!path || !*path || TooLong(path)) return false;
+    StringW file(path);
+    const DWORD attr = GetFileAttributesW(file);
+    if (attr == INVALID_FILE_ATTRIBUTES || (attr & FILE_ATTRIBUTE_DIRECTORY)) return false;
+    StringW expected;
+    if (!ExpectedName(file, expected)) return false;
+    return DeleteLeaf(file, expected, attr);
 }
 
 }} // namespace qv::file

@@ -16,7 +16,12 @@ bool JoinPath(StringW& base, const wchar_t* name);
 // Creates the folder and every missing parent; true if the folder exists afterwards.
 bool CreateFolderTree(const wchar_t* path);
 // Deletes the folder with everything inside it; true only if everything was deleted.
-// Symbolic links and junctions are removed as links and never followed.
+// Symbolic links and junctions are removed as links and never followed; where the platform
+// cannot remove a link to a folder without reaching through it, the link stays and the result
+// is false.
 bool DeleteFolderTree(const wchar_t* path);
+// Deletes one file, read-only or not; a link to a file goes as a link and the file it points to
+// stays. False for a folder or a missing path.
+bool DeleteFileEntry(const wchar_t* path);
 
 }} // namespace qv::file

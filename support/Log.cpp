@@ -68,8 +68,8 @@ void FreeSpin()
     InterlockedExchange(&g_spin, 0);
 }
 
-// Registered once so that the runtime knows about this module's exit; the library itself is
-// deliberately left loaded at process exit.
+// Registered once and deliberately empty: log.dll stays loaded at process exit, because other
+// modules may still write their last lines while the process winds down.
 void OnProcessExit()
 {
 }

@@ -214,7 +214,7 @@ void CSyncRWLock::AcquireWrite(uint32_t threadId) {
 void CSyncRWLock::ReleaseWrite(uint32_t threadId) {
     const uint32_t thread = ResolveThread(threadId);
     EnterCriticalSection(&guard);
-    if (writerActive == 0 || writerDepth == 0) Misuse();
+    if (writerActive == 0 || writerThread != thread || writerDepth == 0) Misuse();
     --writerDepth;
     if (writerDepth == 0 && writerReadDepth == 0) return HandOver();
     LeaveCriticalSection(&guard);

@@ -9,11 +9,13 @@
 #include <string>
 
 #include "support/FileUtil.h"
+#include "tests/common/SymbolicLinks.h"
 
 namespace {
 
 using qv::StringW;
 namespace file = qv::file;
+using namespace testing_support;
 
 bool Exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
@@ -35,49 +37,6 @@ std::string ReadText(const std::wstring& path) {
     return std::string(buf, got);
 }
 
-bool OnWine() { return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr; }
-
-// Wine maps Windows paths to Unix ones and runs Unix programs from a Windows process; that is
-// how links are planted where CreateSymbolicLinkW is not implemented.
-std::string UnixPath(const std::wstring& path) {
-    using Fn = char*(CDECL*)(const wchar_t*);
-    auto fn = reinterpret_cast<Fn>(reinterpret_cast<void*>(
-        GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-    if (!fn) return std::string();
-    char* unix = fn(path.c_str());
-    std::string out = unix ? unix : "";
-    HeapFree(GetProcessHeap(), 0, unix);
-    return out;
-}
-
-// Starts a Unix program; Wine hands back no process handle for those, so callers poll for the
-// effect instead of waiting for an exit code.
-bool StartUnix(const wchar_t* program, const std::wstring& args) {
-    std::wstring cmd = std::wstring(program) + L" " + args;
-    std::wstring app = std::wstring(L"Z:\\bin\\") + program;
-    STARTUPINFOW si{};
-    si.cb = sizeof si;
-    PROCESS_INFORMATION pi{};
-    if (!CreateProcessW(app.c_str(), &cmd[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
-        return false;
-    if (pi.hProcess) {
-        WaitForSingleObject(pi.hProcess, 30000);
-        CloseHandle(pi.hProcess);
-    }
-    if (pi.hThread) CloseHandle(pi.hThread);
-    return true;
-}
-
-template <class F> bool WaitFor(F done) {
-    for (int i = 0; i < 300; ++i) {
-        if (done()) return true;
-        Sleep(20);
-    }
-    return done();
-}
-
-std::wstring Quoted(const std::string& s) { return L"\"" + std::wstring(s.begin(), s.end()) + L"\""; }
-
 class FileUtil : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -92,8 +51,7 @@ protected:
     void TearDown() override {
         // Links planted from the Unix side go the same way, with the rest of the folder.
         if (linksFromUnix_) {
-            StartUnix(L"rm", L"-rf " + Quoted(UnixPath(root_)));
-            WaitFor([this] { return !Exists(root_); });
+            RemoveTreeFromUnix(root_);
         } else {
             file::DeleteFolderTree(root_.c_str());
         }
@@ -103,13 +61,9 @@ protected:
 
     // A symbolic link at `link` to `target`; false when the platform cannot make one.
     bool MakeLink(const std::wstring& link, const std::wstring& target, bool directory) {
-        DWORD flags = (directory ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0) | 0x2 /* unprivileged */;
-        if (CreateSymbolicLinkW(link.c_str(), target.c_str(), flags) && Exists(link)) return true;
-        std::string unixLink = UnixPath(link), unixTarget = UnixPath(target);
-        if (unixLink.empty() || unixTarget.empty()) return false;
-        if (!StartUnix(L"ln", L"-s " + Quoted(unixTarget) + L" " + Quoted(unixLink))) return false;
-        linksFromUnix_ = true;
-        return WaitFor([&] { return Exists(link); });
+        LinkKind kind = MakeSymbolicLink(link, target, directory);
+        if (kind == LinkKind::Unix) linksFromUnix_ = true;
+        return kind != LinkKind::None;
     }
 
     std::wstring root_;
@@ -257,14 +211,42 @@ TEST_F(FileUtil, DeleteFolderTreeNeverFollowsLinks) {
     EXPECT_TRUE(PathIsDirectoryW(Path(L"outside\\empty").c_str()));
     EXPECT_FALSE(Exists(Path(L"tree\\own.txt")));
     if (OnWine()) {
-        // Wine resolves every link it opens, so a link cannot be removed without touching its
-        // target: the links stay and the result says the tree is not gone.
+        // Wine resolves every link it opens: a link to a file is replaced and goes, a link to a
+        // folder cannot be removed without reaching its target, so it stays and the result says
+        // the tree is not gone.
         EXPECT_FALSE(deleted);
         EXPECT_TRUE(Exists(Path(L"tree\\dirlink")));
+        EXPECT_FALSE(Exists(Path(L"tree\\filelink")));
     } else {
         EXPECT_TRUE(deleted);
         EXPECT_FALSE(Exists(Path(L"tree")));
     }
+}
+
+TEST_F(FileUtil, DeleteFileEntryRemovesFilesAndLinksButNotWhatTheyPointTo) {
+    WriteText(Path(L"plain.txt"), "p");
+    WriteText(Path(L"ro.txt"), "ro", FILE_ATTRIBUTE_READONLY);
+    MakeDir(L"folder");
+    WriteText(Path(L"target.txt"), "keep");
+    EXPECT_TRUE(file::DeleteFileEntry(Path(L"plain.txt").c_str()));
+    EXPECT_TRUE(file::DeleteFileEntry(Path(L"ro.txt").c_str()));
+    EXPECT_FALSE(Exists(Path(L"plain.txt")));
+    EXPECT_FALSE(Exists(Path(L"ro.txt")));
+    EXPECT_FALSE(file::DeleteFileEntry(Path(L"folder").c_str()));
+    EXPECT_TRUE(PathIsDirectoryW(Path(L"folder").c_str()));
+    EXPECT_FALSE(file::DeleteFileEntry(Path(L"missing.txt").c_str()));
+    EXPECT_FALSE(file::DeleteFileEntry(L""));
+    EXPECT_FALSE(file::DeleteFileEntry(nullptr));
+
+    if (!MakeLink(Path(L"link.txt"), Path(L"target.txt"), false)) GTEST_SKIP() << "no symbolic links here";
+    EXPECT_TRUE(file::DeleteFileEntry(Path(L"link.txt").c_str()));
+    EXPECT_FALSE(Exists(Path(L"link.txt")));
+    EXPECT_EQ("keep", ReadText(Path(L"target.txt")));
+    // The stand-in renamed over the link is gone too: only the target is left beside the folder.
+    WIN32_FIND_DATAW entry;
+    HANDLE find = FindFirstFileW(Path(L"*.tmp").c_str(), &entry);
+    EXPECT_EQ(INVALID_HANDLE_VALUE, find);
+    if (find != INVALID_HANDLE_VALUE) FindClose(find);
 }
 
 TEST_F(FileUtil, DeleteFolderTreeOnALinkRemovesOnlyTheLink) {
