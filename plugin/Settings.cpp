@@ -19,8 +19,9 @@ bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
     if (section->GetValue(L"reportHashChain", hashChain) && hashChain.isObject() && hashChain.isMember("enabled") &&
         !hashChain["enabled"].isNull()) {
         try {
-            Value value = Value::FromJson(hashChain);
-            out.hashChain.enabled = value.Find(L"enabled").AsBool();
+            // Only the member is converted: whatever else the object carries, however large or
+            // deep, is never walked.
+            out.hashChain.enabled = Value::FromJson(hashChain["enabled"]).AsBool();
         } catch (const ValueException&) {
             // An unreadable member leaves the switch as it was.
         }
@@ -30,7 +31,7 @@ bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
     if (!section->GetUInt(L"engines/reloadStatus", out.reloadStatus)) out.reloadStatus = 2;
 
     std::string folder;
-    section->GetString(L"engines/folder", folder);
+    if (!section->GetString(L"engines/folder", folder)) folder.clear();
     out.enginesFolder = StringW::FromUtf8(folder);
     return true;
 }

@@ -223,6 +223,23 @@ TEST_F(Settings, HashChainObjectWithoutAUsableMemberStaysOff) {
     }
 }
 
+TEST_F(Settings, HashChainMemberIsConvertedToBool) {
+    struct Case {
+        Json::Value enabled;
+        bool expected;
+    };
+    const Case cases[] = {{Json::Value(false), false}, {Json::Value(true), true}, {Json::Value(1), true},
+                          {Json::Value(0), false}};
+    for (const Case& c : cases) {
+        Json::Value section = GoodSection();
+        section["reportHashChain"]["enabled"] = c.enabled;
+        store().SetDocument(Document(section));
+        ASSERT_EQ(0u, plugin.Init());
+        EXPECT_EQ(c.expected, Observe(plugin.scan).hashChain) << c.enabled.toStyledString();
+        ASSERT_EQ(0u, plugin.UnInit());
+    }
+}
+
 // A set that fails in the middle of a save keeps what was written before it and tries nothing after.
 TEST_F(Settings, FailedSetLeavesEarlierKeysWrittenAndLaterOnesUntouched) {
     ASSERT_EQ(0u, plugin.Init());
@@ -290,7 +307,8 @@ TEST_F(Settings, SecondInitReadsWhatTheFirstWrote) {
 }
 
 TEST(SettingsLifetimes, NextLifetimeReadsTheSameFile) {
-    const std::wstring path = TempFolder(L"settings") + L"\\settings.json";
+    const std::wstring folder = TempFolder(L"settings");
+    const std::wstring path = folder + L"\\settings.json";
     {
         PluginUnderTest first;
         ASSERT_NE(nullptr, first.scan);
@@ -323,6 +341,7 @@ TEST(SettingsLifetimes, NextLifetimeReadsTheSameFile) {
     ASSERT_EQ(0u, second.UnInit());
     second.stopped = true;
     DeleteFileW(path.c_str());
+    RemoveDirectoryW(folder.c_str());
 }
 
 // Every key holding every JSON type it must not: that field takes its default, the others load.

@@ -153,7 +153,7 @@ protected:
 };
 
 TEST_F(Switches, EnableBackupAppliesPersistsAndNotifiesOnce) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     EXPECT_EQ(0u, EnableBackup(plugin.scan, true));
     auto applied = NewBackupOptions();
     ASSERT_EQ(1u, applied.size());
@@ -186,7 +186,7 @@ TEST_F(Switches, EnableBackupAppliesPersistsAndNotifiesOnce) {
 
 TEST_F(Switches, BackupWithoutScanProviderPutsTheOldValueBack) {
     plugin.env.manager.SetMissing(qv::kxsdk::ids::kScanSpName);
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     EXPECT_EQ(1359u, EnableBackup(plugin.scan, true));
     EXPECT_TRUE(LineWith(L"ScanSp not loaded.", 8));
     EXPECT_TRUE(LineWith(L"apply failed", 4));
@@ -203,7 +203,7 @@ TEST_F(Switches, BackupWithoutScanProviderPutsTheOldValueBack) {
 }
 
 TEST_F(Switches, ProviderRefusingTheOptionIsAnInternalError) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     plugin.env.scanSp.SetOptionResultFor(kBackupOption, 31);
     EXPECT_EQ(1359u, EnableBackup(plugin.scan, true));
     EXPECT_TRUE(LineWith(L"Cannot apply backup status. [error = 31]", 8));
@@ -221,7 +221,7 @@ TEST_F(Switches, ProviderRefusingTheOptionIsAnInternalError) {
 }
 
 TEST_F(Switches, StoreWriteFailureChangesNothing) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     store().FailAllSets(true);
     EXPECT_EQ(1013u, EnableBackup(plugin.scan, true));
     EXPECT_TRUE(LineWith(L"save failed", 4));
@@ -237,7 +237,7 @@ TEST_F(Switches, StoreWriteFailureChangesNothing) {
 }
 
 TEST_F(Switches, ReportHashChainPersistsAndFiresTheThirdEvent) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     EXPECT_EQ(0u, ReportHashChain(plugin.scan, true));
     EXPECT_TRUE(LineWith(L"[enabled = 1]", 32));
     EXPECT_TRUE(HashChainEnabled(plugin.scan));
@@ -260,7 +260,7 @@ TEST_F(Switches, ReportHashChainPersistsAndFiresTheThirdEvent) {
 }
 
 TEST_F(Switches, ReportSignatureInfoPersistsAndFiresTheFourthEvent) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     // Already false: the store is written again with the current record.
     EXPECT_EQ(0u, ReportSignatureInfo(plugin.scan, false));
     EXPECT_TRUE(LineWith(L"already in this state", 32));
@@ -285,7 +285,7 @@ TEST_F(Switches, ReportSignatureInfoPersistsAndFiresTheFourthEvent) {
 }
 
 TEST_F(Switches, SwitchSavesCarryTheOtherSwitchesAlong) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     ASSERT_EQ(0u, EnableBackup(plugin.scan, true));
     ASSERT_EQ(0u, ReportHashChain(plugin.scan, true));
     ASSERT_EQ(0u, ReportSignatureInfo(plugin.scan, true));
@@ -298,7 +298,7 @@ TEST_F(Switches, SwitchSavesCarryTheOtherSwitchesAlong) {
 }
 
 TEST_F(Switches, UnregisteredSinkHearsNothing) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     ASSERT_EQ(0u, CallSlot<DWORD>(plugin.scan, kUnregisterSettingsEvents,
                                   static_cast<IAntivirusScan::ISettingsEvents*>(&sink)));
     ASSERT_EQ(0u, EnableBackup(plugin.scan, true));
@@ -307,7 +307,7 @@ TEST_F(Switches, UnregisteredSinkHearsNothing) {
 }
 
 TEST_F(Switches, FeatureLocksDefaultToLockedAndKeepTheFirstAnswer) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     EXPECT_TRUE(FeatureLocked(plugin.scan, L"NeverSet"));
     // The table keeps its answer: later store changes are not seen while the plug-in lives.
     Json::Value document = store().Document();
@@ -325,14 +325,14 @@ TEST_F(Switches, FeatureLocksAreReadFromTheStoreOnFirstQuery) {
     document["/AntivirusScan"]["Stored"] = false;
     document["/AntivirusScan"]["NotABool"] = 0;
     store().SetDocument(document);
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     EXPECT_FALSE(FeatureLocked(plugin.scan, L"Stored"));
     EXPECT_TRUE(FeatureLocked(plugin.scan, L"NotABool"));
     EXPECT_TRUE(FeatureLocked(plugin.scan, L"stored")) << "names differing in case are different features";
 }
 
 TEST_F(Switches, SetFeatureStatusPersistsAndFiresTheSecondEvent) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     EXPECT_EQ(0u, SetFeatureStatus(plugin.scan, L"Quarantine", false));
     EXPECT_TRUE(LineWith(L"[name = Quarantine] [isLocked = 0]", 32));
     EXPECT_EQ((Lines{L"feature=Quarantine,0"}), sink.Take());
@@ -360,7 +360,7 @@ TEST_F(Switches, SetFeatureStatusPersistsAndFiresTheSecondEvent) {
 }
 
 TEST_F(Switches, FeatureStoreFailuresAreIgnored) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     store().FailAllSets(true);
     EXPECT_EQ(0u, SetFeatureStatus(plugin.scan, L"Quarantine", false));
     EXPECT_EQ((Lines{L"feature=Quarantine,0"}), sink.Take());
@@ -402,7 +402,7 @@ TEST_F(Switches, InitToleratesAProviderRefusingTheBackupOption) {
 }
 
 TEST_F(Switches, NullOutPointersAreRejectedOnEveryQuerySlot) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     ScanMode mode;
     qv::StringW feature(L"Quarantine");
     struct Case {
@@ -435,7 +435,7 @@ TEST_F(Switches, NullOutPointersAreRejectedOnEveryQuerySlot) {
 }
 
 TEST_F(Switches, ConcurrentReportsLeaveTheStoreAndTheRecordAgreeing) {
-    Start();
+    ASSERT_NO_FATAL_FAILURE(Start());
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([this, t] {
@@ -460,7 +460,8 @@ TEST_F(Switches, ConcurrentReportsLeaveTheStoreAndTheRecordAgreeing) {
 
 // Feature locks and switches written in one lifetime are what the next one starts from.
 TEST(SwitchLifetimes, NextLifetimeStartsFromTheStoredSwitchesAndLocks) {
-    const std::wstring path = TempFolder(L"switches") + L"\\settings.json";
+    const std::wstring folder = TempFolder(L"switches");
+    const std::wstring path = folder + L"\\settings.json";
     {
         PluginUnderTest first;
         ASSERT_NE(nullptr, first.scan);
@@ -486,6 +487,7 @@ TEST(SwitchLifetimes, NextLifetimeStartsFromTheStoredSwitchesAndLocks) {
     ASSERT_EQ(0u, second.UnInit());
     second.stopped = true;
     DeleteFileW(path.c_str());
+    RemoveDirectoryW(folder.c_str());
 }
 
 } // namespace
