@@ -15,10 +15,12 @@ std::wstring TempFolder(const wchar_t* tag) {
     static std::atomic<int> counter{0};
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
-    std::wstring folder = std::wstring(temp) + L"avscan-" + tag + L"-" + std::to_wstring(GetCurrentProcessId()) +
-                          L"-" + std::to_wstring(counter++);
-    CreateDirectoryW(folder.c_str(), nullptr);
-    return folder;
+    // Wine reuses process ids from run to run: a name left by an earlier run is skipped.
+    for (;;) {
+        std::wstring folder = std::wstring(temp) + L"avscan-" + tag + L"-" + std::to_wstring(GetCurrentProcessId()) +
+                              L"-" + std::to_wstring(counter++);
+        if (CreateDirectoryW(folder.c_str(), nullptr) || GetLastError() != ERROR_ALREADY_EXISTS) return folder;
+    }
 }
 
 PluginLibrary::PluginLibrary(const std::wstring& path) {
