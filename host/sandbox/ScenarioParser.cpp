@@ -342,6 +342,20 @@ std::string OneLine(const std::string& text) {
     return line;
 }
 
+// jsoncpp reports "* Line 3, Column 5\n  Missing ',' or '}' in object declaration\n"; one line
+// reads "line 3, column 5: Missing ',' or '}' in object declaration".
+std::string SyntaxError(const std::string& errors) {
+    std::string text = errors;
+    if (text.rfind("* ", 0) == 0) text = text.substr(2);
+    const size_t newline = text.find('\n');
+    if (newline != std::string::npos) text = text.substr(0, newline) + ":" + text.substr(newline);
+    text = OneLine(text);
+    if (text.rfind("Line ", 0) == 0) text[0] = 'l';
+    const size_t column = text.find(", Column ");
+    if (column != std::string::npos) text[column + 2] = 'c';
+    return text;
+}
+
 } // namespace
 
 bool IsKnownPluginName(const std::wstring& name) {
@@ -360,7 +374,7 @@ Scenario ParseScenario(const std::string& text, const std::string& source) {
         std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         std::string errors;
         if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors))
-            throw ScenarioError(source + ": not valid JSON: " + OneLine(errors));
+            throw ScenarioError(source + ": not valid JSON: " + SyntaxError(errors));
     }
     try {
         Scenario s;

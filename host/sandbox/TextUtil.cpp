@@ -31,6 +31,7 @@ std::string CodeText(DWORD code) {
     switch (code) {
     case 0: return "0";
     case 2: name = "file not found"; break;
+    case 3: name = "path not found"; break;
     case 13: name = "invalid data"; break;
     case 87: name = "invalid parameter"; break;
     case 126: name = "module not found"; break;
