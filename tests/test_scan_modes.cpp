@@ -29,7 +29,8 @@ constexpr DWORD kFireTimeoutMs = 10000;
 // host side waits for its notification threads), so it ends the program as a failure instead.
 DWORD Bounded(DWORD result) {
     if (result == WAIT_TIMEOUT) {
-        std::fprintf(stderr, "FAILED: a notification did not return within %lu ms\n",
+        const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+        std::fprintf(stderr, "FAILED: %s: a notification did not return within %lu ms\n", test ? test->name() : "?",
                      static_cast<unsigned long>(kFireTimeoutMs));
         std::fflush(stdout);
         std::fflush(stderr);
@@ -116,6 +117,14 @@ protected:
 
 enum class Fire { Settings, ScanMode, StatusOn, StatusOff };
 
+const wchar_t* HandlerTrace(Fire fire) {
+    switch (fire) {
+    case Fire::Settings: return L"-> AntivirusScanAL::OnSettingsChanged()";
+    case Fire::ScanMode: return L"-> AntivirusScanAL::OnScanModeChanged()";
+    default: return L"-> AntivirusScanAL::OnStatusChanged()";
+    }
+}
+
 DWORD FireEvent(host::RemoteScanPlugin& remote, Fire fire) {
     switch (fire) {
     case Fire::Settings: return Bounded(remote.FireSettingsChanged(kFireTimeoutMs));
@@ -199,6 +208,7 @@ TEST(ScanModeDecision, EveryRowThroughTheRemoteScanEvents) {
         const std::wstring info = L"RemoteScan info [status = " + std::to_wstring(row.status ? 1 : 0) +
                                   L"] [fallback = " + std::to_wstring(row.fallbackFlag) + L"] [rsMode = " +
                                   std::to_wstring(static_cast<int>(row.rsMode)) + L"] ";
+        EXPECT_TRUE(LineWith(HandlerTrace(row.fire), 32)) << Narrow(HandlerTrace(row.fire));
         EXPECT_TRUE(LineWith(info, 32)) << Narrow(info);
         for (const wchar_t* message : {kInvalid, kNoLocal, kNoneFallback, L"No fallback should be use."}) {
             if (row.message && wcscmp(message, row.message) == 0)
@@ -364,6 +374,9 @@ TEST_F(ScanModes, PairComputedAtInit) {
         {L"light", true, 0, {2, 0}, true},   {L"full", true, 2, {3, 5}, false},
         {L"remote", true, 0, {1, 0}, false}, {L"remote", true, 1, {1, 1}, false},
     };
+    // Start-up sets the pair without announcing it.
+    ScanSink sink;
+    ASSERT_EQ(0u, Register(sink));
     for (const InitCase& c : cases) {
         SCOPED_TRACE(Narrow(c.type) + " status " + std::to_string(c.status) + " rsMode " + std::to_string(c.rsMode));
         avhost::ClearCapturedLines();
@@ -375,6 +388,7 @@ TEST_F(ScanModes, PairComputedAtInit) {
         EXPECT_EQ(c.warned, LineWith(kNoneFallback, 8));
         EXPECT_EQ(0u, plugin.UnInit());
     }
+    EXPECT_TRUE(sink.Calls().empty());
 
     // A remote-only installation has no local engines to fall back to.
     avhost::ClearCapturedLines();
@@ -392,6 +406,26 @@ TEST_F(ScanModes, WithoutTheRemoteScanPluginTheLocalEnginesAreUsed) {
     Modes modes = GetModes(plugin.scan);
     EXPECT_EQ(0u, modes.result);
     EXPECT_EQ((Pair{4, 4}), modes.pair);
+}
+
+TEST_F(ScanModes, RemoteStateIsAskedAtEveryComputationAndItsErrorsIgnored) {
+    Configure(L"full", true, 2);
+    plugin.env.remoteScan.FailQueries(31);
+    ASSERT_EQ(0u, plugin.Init());
+    ASSERT_EQ(0u, plugin.Start());
+    EXPECT_EQ((Pair{3, 5}), GetModes(plugin.scan).pair);
+    auto counts = plugin.env.remoteScan.GetCounts();
+    EXPECT_EQ(1, counts.statusQueries);
+    EXPECT_EQ(1, counts.serverCountQueries);
+    EXPECT_EQ(1, counts.fallbackQueries);
+
+    plugin.env.remoteScan.SetFallbackMode(1);
+    EXPECT_EQ(0u, Bounded(plugin.env.remoteScan.FireScanModeChanged(kFireTimeoutMs)));
+    EXPECT_EQ((Pair{3, 3}), GetModes(plugin.scan).pair);
+    counts = plugin.env.remoteScan.GetCounts();
+    EXPECT_EQ(2, counts.statusQueries);
+    EXPECT_EQ(2, counts.serverCountQueries);
+    EXPECT_EQ(2, counts.fallbackQueries);
 }
 
 TEST_F(ScanModes, NullOutputsAreRejected) {
