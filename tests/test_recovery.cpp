@@ -1,6 +1,7 @@
 // The engines recovery as the host lives it: Init without the scan service provider, the
 // delayed start that reports, cleans, fills in and asks for an update, then the installations
 // that either fix the engines (restart requested) or do not (cache invalidated again).
+#include "support/FileUtil.h"
 #include "tests/common/PluginHarness.h"
 
 #include <gtest/gtest.h>
@@ -82,12 +83,12 @@ protected:
     void SetUp() override {
         ASSERT_NE(nullptr, plugin.primary);
         ASSERT_NE(nullptr, plugin.scan);
-        engines = TempFolder(L"engines");
+        engines = Fresh(L"engines");
         CreateDirectoryW((engines + L"\\Plugins").c_str(), nullptr);
-        common = TempFolder(L"common");
+        common = Fresh(L"common");
         CreateDirectoryW((common + L"\\installer").c_str(), nullptr);
         WriteCache();
-        lastOk = TempFolder(L"lastok");
+        lastOk = Fresh(L"lastok");
         CreateDirectoryW((lastOk + L"\\Plugins").c_str(), nullptr);
         WriteBytes(lastOk + L"\\Plugins\\update.txt", kUpdateTxt);
 
@@ -110,6 +111,15 @@ protected:
         avhost::ClearCapturedLines();
     }
 
+    void TearDown() override {
+        plugin.StopAll();
+        for (const std::wstring& folder : folders) qv::file::DeleteFolderTree(folder.c_str());
+    }
+    std::wstring Fresh(const wchar_t* tag) {
+        folders.push_back(TempFolder(tag));
+        return folders.back();
+    }
+
     void WriteCache() {
         WriteBytes(common + L"\\installer\\wslib.db", "cache-db");
         WriteBytes(common + L"\\installer\\wslib.m", "cache-m");
@@ -127,6 +137,7 @@ protected:
     }
 
     PluginUnderTest plugin;
+    std::vector<std::wstring> folders;
     std::wstring engines, common, lastOk;
     host::UpdateSettingsRecord reportedSettings;
 };
@@ -401,7 +412,8 @@ TEST(RecoveryModuleFolder, CacheIsLookedForBesideThePluginWhenCommonIsUnusable) 
         ASSERT_TRUE(CopyFileW((ExeFolder() + L"\\" + file).c_str(), (folder + L"\\" + file).c_str(), FALSE));
     }
     CreateDirectoryW((folder + L"\\installer").c_str(), nullptr);
-    const std::wstring notAFolder = TempFolder(L"file") + L"\\common.txt";
+    const std::wstring fileFolder = TempFolder(L"file");
+    const std::wstring notAFolder = fileFolder + L"\\common.txt";
     WriteBytes(notAFolder, "not a folder");
     {
         CopiedPlugin copy(folder);
@@ -428,9 +440,8 @@ TEST(RecoveryModuleFolder, CacheIsLookedForBesideThePluginWhenCommonIsUnusable) 
             EXPECT_EQ("not a folder", ReadBytes(notAFolder));
         }
     }
-    for (const wchar_t* file : {L"AntivirusScan.AL", L"KxsJson.dll", L"log.dll"}) {
-        DeleteFileW((folder + L"\\" + file).c_str());
-    }
+    qv::file::DeleteFolderTree(folder.c_str());
+    qv::file::DeleteFolderTree(fileFolder.c_str());
 }
 
 // ---- placeholders and the update request ----------------------------------------------------

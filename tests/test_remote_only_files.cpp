@@ -1,6 +1,7 @@
 // Engine plug-in files under "<engines>\Plugins": a remote-only installation loses the local
 // scanner's files at Init; full and light installations get the three they need at the delayed
 // start, as empty placeholders where they are missing.
+#include "support/FileUtil.h"
 #include "tests/common/PluginHarness.h"
 
 #include <gtest/gtest.h>
@@ -89,6 +90,10 @@ protected:
         plugin.env.servConfig.SetText(kEngines, L"scansp", engines.c_str());
         plugin.env.remoteScan.SetStatus(true);
         avhost::ClearCapturedLines();
+    }
+    void TearDown() override {
+        plugin.StopAll();
+        qv::file::DeleteFolderTree(engines.c_str());
     }
     void UseScanType(const wchar_t* type) { plugin.env.servConfig.SetText(kScanType, L"BASE", type); }
     void WriteAllTen() {
