@@ -34,6 +34,9 @@ ReadResult ReadWhole(const std::wstring& path, std::string& bytes) {
 
 bool WriteDurably(const std::wstring& path, const std::string& bytes) {
     static std::atomic<unsigned> sequence{0};
+    // Windows refuses to replace a read-only file; Wine's rename does not, so ask first.
+    DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY)) return false;
     std::wstring temp = path + L"." + std::to_wstring(GetCurrentProcessId()) + L"." +
                         std::to_wstring(++sequence) + L".tmp";
     HANDLE file = CreateFileW(temp.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);

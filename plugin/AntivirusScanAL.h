@@ -153,6 +153,8 @@ private:
     ServPlugin<IServConfig> servConfigPlugin{L"productinfo"};
     Map<StringW, bool> featureLocks;
     CriticalSection stateLock{1000};
+    // Whole switch changes, provider call included; always taken before stateLock.
+    CriticalSection switchLock{1000};
     AntivirusScanSettings settings;
     ScanMode primaryScanMode = kxsdk::AntivirusScan::ScanModeNone;
     ScanMode fallbackScanMode = kxsdk::AntivirusScan::ScanModeNone;

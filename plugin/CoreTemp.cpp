@@ -36,6 +36,11 @@ void AntivirusScanAL::CleanCoreTempFolder() {
         QV_LOG(LOG_SEV_INFO, L"Core temp folder not found [path = %s]", folder.c_str());
         return;
     }
+    // A relative path would let the process's current folder decide what is cleaned.
+    if (PathIsRelativeW(folder.c_str())) {
+        QV_LOG(LOG_SEV_WARNING, L"Core temp folder is not a full path, not cleaned [path = %s]", folder.c_str());
+        return;
+    }
     StringW base = folder;
     size_t length = base.Length();
     while (length && base[length - 1] == L'\\') --length;

@@ -39,6 +39,10 @@ StringW AntivirusScanAL::GetCommonFolder() {
 bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
     QV_TRACE(L"AntivirusScanAL::RecoveryStep_InvalidateCache");
     const StringW common = GetCommonFolder();
+    StringW commonRoot = common;
+    size_t rootLength = commonRoot.Length();
+    while (rootLength && (commonRoot[rootLength - 1] == L'\\' || commonRoot[rootLength - 1] == L'/')) --rootLength;
+    commonRoot.SetLength(rootLength);
     struct CacheFile {
         const wchar_t* name;
         const wchar_t* message;
@@ -49,7 +53,14 @@ bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
         StringW path = common;
         file::JoinPath(path, cache.name);
         QV_LOG(LOG_SEV_INFO, cache.message, path.c_str());
-        if (PathFileExistsW(path.c_str()) && !DeleteFileW(path.c_str())) {
+        if (!PathFileExistsW(path.c_str())) continue;
+        // A link planted in the cache's place leads out of the common folder: where it points
+        // is not ours to delete.
+        if (!file::StaysWithin(commonRoot.c_str(), path.c_str())) {
+            QV_LOG(LOG_SEV_WARNING, L"Link not followed, file kept [path = %s]", path.c_str());
+            continue;
+        }
+        if (!DeleteFileW(path.c_str())) {
             QV_LOG(LOG_SEV_ERROR, L"Cannot delete file [error = %d] [path = %s]", static_cast<int>(GetLastError()),
                    path.c_str());
         }

@@ -22,26 +22,29 @@ DWORD AntivirusScanAL::EnableBackup(bool status) {
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         QV_LOG(LOG_SEV_INFO, L"[status = %d]", status ? 1 : 0);
         {
-            ScopedLock lock(stateLock);
-            if (status == settings.enableBackup) {
-                QV_LOG(LOG_SEV_INFO, L"already in this state");
-                return ERROR_SUCCESS;
+            // From the save to the record update the store is ahead of the record: no other
+            // switch may save the record (and with it the old backup value) in between.
+            ScopedLock switching(switchLock);
+            {
+                ScopedLock lock(stateLock);
+                if (status == settings.enableBackup) {
+                    QV_LOG(LOG_SEV_INFO, L"already in this state");
+                    return ERROR_SUCCESS;
+                }
+                AntivirusScanSettings changed = settings;
+                changed.enableBackup = status;
+                if (!SaveSettings(changed)) {
+                    QV_LOG(LOG_SEV_ERROR, L"save failed");
+                    return ERROR_CANTWRITE;
+                }
             }
-            AntivirusScanSettings changed = settings;
-            changed.enableBackup = status;
-            if (!SaveSettings(changed)) {
-                QV_LOG(LOG_SEV_ERROR, L"save failed");
-                return ERROR_CANTWRITE;
+            if (!ApplyBackupStatus(status)) {
+                QV_LOG(LOG_SEV_ERROR, L"apply failed");
+                // Put the old value back in the store: the provider still runs with it.
+                ScopedLock lock(stateLock);
+                SaveSettings(settings);
+                return ERROR_INTERNAL_ERROR;
             }
-        }
-        if (!ApplyBackupStatus(status)) {
-            QV_LOG(LOG_SEV_ERROR, L"apply failed");
-            // Put the old value back in the store: the provider still runs with it.
-            ScopedLock lock(stateLock);
-            SaveSettings(settings);
-            return ERROR_INTERNAL_ERROR;
-        }
-        {
             ScopedLock lock(stateLock);
             settings.enableBackup = status;
         }
@@ -63,6 +66,7 @@ DWORD AntivirusScanAL::ReportHashChain(const HashChainSettings& value) {
         const HashChainSettings requested = value;
         QV_LOG(LOG_SEV_INFO, L"[enabled = %d]", requested.enabled ? 1 : 0);
         {
+            ScopedLock switching(switchLock);
             ScopedLock lock(stateLock);
             if (requested.enabled == settings.hashChain.enabled) {
                 // Rewritten anyway, so that the store always ends up holding the record.
@@ -95,6 +99,7 @@ DWORD AntivirusScanAL::ReportSignatureInfo(bool enabled) {
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         QV_LOG(LOG_SEV_INFO, L"[enabled = %d]", enabled ? 1 : 0);
         {
+            ScopedLock switching(switchLock);
             ScopedLock lock(stateLock);
             if (enabled == settings.reportSignatureInfo) {
                 SaveSettings(settings);
@@ -171,6 +176,8 @@ bool AntivirusScanAL::ApplyBackupStatus(bool status) {
 
 uint32_t AntivirusScanAL::RefreshBackupStatus() {
     QV_TRACE(L"AntivirusScanAL::RefreshBackupStatus");
+    // Read and applied as one step, so that a stale value never overtakes a newer one.
+    ScopedLock switching(switchLock);
     bool status;
     {
         ScopedLock lock(stateLock);

@@ -30,20 +30,29 @@ bool SameText(const StringW& a, const StringW& b) {
                                 static_cast<int>(b.Length()), TRUE) == CSTR_EQUAL;
 }
 
-// What a path really names, without following a link at its end.
-bool FinalName(const wchar_t* path, StringW& out) {
-    HANDLE h = CreateFileW(path, FILE_READ_ATTRIBUTES,
-                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
-                           nullptr);
-    if (h == INVALID_HANDLE_VALUE) return false;
+// Opens the entry a path names, not a link's target where the platform honours that.
+HANDLE OpenEntry(const wchar_t* path, DWORD access) {
+    return CreateFileW(path, access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+}
+
+// What an open handle really names.
+bool HandleName(HANDLE h, StringW& out) {
     const DWORD cap = 1024;
     if (!out.HasStorage() || out.Capacity() < cap) out.Reserve(cap);
     DWORD n = GetFinalPathNameByHandleW(h, out.Buffer(), cap, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
-    CloseHandle(h);
     if (n == 0 || n >= cap) return false;
     out.SetLength(n);
     return true;
+}
+
+// What a path really names, without following a link at its end.
+bool FinalName(const wchar_t* path, StringW& out) {
+    HANDLE h = OpenEntry(path, FILE_READ_ATTRIBUTES);
+    if (h == INVALID_HANDLE_VALUE) return false;
+    const bool named = HandleName(h, out);
+    CloseHandle(h);
+    return named;
 }
 
 // True when opening the entry reaches the entry itself. Some platforms resolve symbolic links
@@ -107,8 +116,45 @@ bool ReplaceLinkToFile(const StringW& path, const StringW& expected) {
     return false;
 }
 
+// Marks the file an open handle names for deletion when the handle is closed; a read-only
+// file loses that attribute first, as a failed DeleteFileW would be retried.
+bool MarkForDeletion(HANDLE h) {
+    FILE_DISPOSITION_INFO disposition{TRUE};
+    if (SetFileInformationByHandle(h, FileDispositionInfo, &disposition, sizeof disposition)) return true;
+    if (GetLastError() != ERROR_ACCESS_DENIED) return false;
+    FILE_BASIC_INFO basic;
+    if (!GetFileInformationByHandleEx(h, FileBasicInfo, &basic, sizeof basic)) return false;
+    if (!(basic.FileAttributes & FILE_ATTRIBUTE_READONLY)) return false;
+    // Zero times leave the times as they are; zero attributes would too, hence NORMAL.
+    basic.CreationTime.QuadPart = basic.LastAccessTime.QuadPart = 0;
+    basic.LastWriteTime.QuadPart = basic.ChangeTime.QuadPart = 0;
+    basic.FileAttributes &= ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
+    if (basic.FileAttributes == 0) basic.FileAttributes = FILE_ATTRIBUTE_NORMAL;
+    if (!SetFileInformationByHandle(h, FileBasicInfo, &basic, sizeof basic)) return false;
+    return SetFileInformationByHandle(h, FileDispositionInfo, &disposition, sizeof disposition) != FALSE;
+}
+
+// A plain file is checked and deleted through one handle: what is deleted is exactly what was
+// found to name itself, and the file is opened once instead of twice (on a platform that
+// resolves links the check costs a request to the system for every file, so the delete must
+// not cost another).
+bool DeleteCheckedFile(const StringW& path, const StringW& expected) {
+    HANDLE h = OpenEntry(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES);
+    if (h == INVALID_HANDLE_VALUE && GetLastError() == ERROR_ACCESS_DENIED)
+        h = OpenEntry(path, DELETE | FILE_READ_ATTRIBUTES);
+    if (h == INVALID_HANDLE_VALUE) return false;
+    StringW real;
+    const bool deleted = HandleName(h, real) && SameText(real, expected) && MarkForDeletion(h);
+    CloseHandle(h);
+    return deleted;
+}
+
 // One entry that is not walked into: a file, or any kind of link.
 bool DeleteLeaf(const StringW& path, const StringW& expected, DWORD attr) {
+    // Anything short of a checked delete (a link, no delete access, a failure) goes the way
+    // below, by name after looking at the name again; that way is the same as before.
+    if (!(attr & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) && DeleteCheckedFile(path, expected))
+        return true;
     StringW real;
     if (!FinalName(path, real)) return false;
     if (SameText(real, expected)) {
@@ -252,6 +298,24 @@ bool DeleteFolderTree(const wchar_t* path) {
     StringW real;
     if (!FinalName(folder, real)) return false;
     return DeleteTree(folder, real);
+}
+
+bool StaysWithin(const wchar_t* base, const wchar_t* path) {
+    if (!base || !path || !*base || TooLong(base) || TooLong(path)) return false;
+    StringW root(base), full(path);
+    RemoveBackslash(root);
+    // Windows drops trailing blanks and dots of a path's last element when it opens it.
+    size_t length = full.Length();
+    while (length && (full[length - 1] == L' ' || full[length - 1] == L'.')) --length;
+    full.SetLength(length);
+    if (full.Length() <= root.Length() || _wcsnicmp(full.c_str(), root.c_str(), root.Length()) != 0 ||
+        !IsSeparator(full[root.Length()]))
+        return false;
+    StringW realRoot, realFull;
+    if (!FinalName(root, realRoot) || !FinalName(full, realFull)) return false;
+    StringW expected(realRoot);
+    JoinPath(expected, full.c_str() + root.Length());
+    return SameText(realFull, expected);
 }
 
 bool DeleteFileEntry(const wchar_t* path) {

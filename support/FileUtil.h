@@ -20,6 +20,9 @@ bool CreateFolderTree(const wchar_t* path);
 // cannot remove a link to a folder without reaching through it, the link stays and the result
 // is false.
 bool DeleteFolderTree(const wchar_t* path);
+// True when `path` (which must exist) lies in `base`'s real folder under its own name: no
+// element of `path` below `base`, the last one included, is a link or junction to elsewhere.
+bool StaysWithin(const wchar_t* base, const wchar_t* path);
 // Deletes one file, read-only or not; a link to a file goes as a link and the file it points to
 // stays. False for a folder or a missing path.
 bool DeleteFileEntry(const wchar_t* path);

@@ -14,14 +14,18 @@ constexpr uint16_t kExitNesting = 0xFFFF;
 CFunctionTrace::CFunctionTrace(const wchar_t* name)
     : start_(timeGetTime())
 {
-    title_[0] = L'\0';
-    function_[0] = L'\0';
     if (name == nullptr)
         name = L"";
-    // Room for the "()" suffix is kept free in the title.
-    wcsncpy_s(title_, 258, name, _TRUNCATE);
-    wcscat_s(title_, 260, L"()");
-    wcsncpy_s(function_, 260, name, _TRUNCATE);
+    // What wcsncpy_s with truncation gives (at most 257 characters in the title, keeping room
+    // for the "()" suffix, and 259 in the function), measured once: this runs on every call.
+    const size_t length = wcsnlen(name, 259);
+    const size_t titleLength = length < 257 ? length : 257;
+    wmemcpy(title_, name, titleLength);
+    title_[titleLength] = L'(';
+    title_[titleLength + 1] = L')';
+    title_[titleLength + 2] = L'\0';
+    wmemcpy(function_, name, length);
+    function_[length] = L'\0';
 
     // The entry line is written whether or not anyone keeps the library loaded; tracing never
     // changes the outcome of the traced operation.

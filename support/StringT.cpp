@@ -20,7 +20,6 @@ size_t BlockBytes(size_t capacity) { return capacity * 2 + kOverheadBytes; }
 
 uint8_t* BlockOf(wchar_t* chars) { return reinterpret_cast<uint8_t*>(chars) - kLeadBytes; }
 
-uint32_t ReadWord(const uint8_t* at) { uint32_t v; memcpy(&v, at, sizeof v); return v; }
 void WriteWord(uint8_t* at, uint32_t v) { memcpy(at, &v, sizeof v); }
 } // namespace
 
@@ -64,13 +63,6 @@ S& S::operator=(StringT&& other) noexcept {
 
 S& S::operator=(const wchar_t* text) { Assign(text); return *this; }
 
-S::Header* S::HeaderPtr() const {
-    if (!p_) return nullptr;
-    Header* h;
-    memcpy(&h, BlockOf(p_) + 4, sizeof h);
-    return h;
-}
-
 const S::Header* S::GetHeader() const { CheckValid(); return HeaderPtr(); }
 
 IMemMgr* S::Manager() const {
@@ -78,27 +70,7 @@ IMemMgr* S::Manager() const {
     return h ? h->manager : &g_defaultManager;
 }
 
-void S::CheckValid() const {
-    Header* h = HeaderPtr();
-    if (!p_ || !h) return;
-    const uint8_t* block = BlockOf(p_);
-    if (ReadWord(block) != kGuard || ReadWord(block + 12) != kGuard ||
-        ReadWord(block + kLeadBytes + h->capacity * 2 + 2) != kGuard) {
-        std::terminate();
-    }
-}
-
-size_t S::Length() const {
-    CheckValid();
-    Header* h = HeaderPtr();
-    return h ? static_cast<size_t>(h->length) : 0;
-}
-
-size_t S::Capacity() const {
-    CheckValid();
-    Header* h = HeaderPtr();
-    return h ? static_cast<size_t>(h->capacity) : 0;
-}
+void S::Corrupt() { std::terminate(); }
 
 void S::Reserve(size_t count) {
     CheckValid();
@@ -172,6 +144,16 @@ void S::Assign(const wchar_t* text, size_t count) {
     CheckValid();
     if (count == npos) count = ChTraitsCRT<wchar_t>::Length(text);
     if (!text) count = 0;
+    // The common case: the text fits and lives elsewhere. Writing within the capacity leaves
+    // every guard word as it was.
+    if (Header* h = HeaderPtr()) {
+        if (count <= h->capacity && (text < p_ || text > p_ + h->capacity)) {
+            if (count) memcpy(p_, text, count * sizeof(wchar_t));
+            h->length = count;
+            p_[count] = 0;
+            return;
+        }
+    }
     // Text that lives inside this string's own block must survive a reallocation.
     if (p_ && text >= p_ && text <= p_ + Capacity()) {
         StringT copy(text, count);
@@ -278,7 +260,9 @@ void S::AssignUtf8(const char* text, size_t count) {
     if (!text || !count) { Assign(L"", 0); return; }
     int n = MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(count), nullptr, 0);
     if (n <= 0) { Assign(L"", 0); return; }
-    Reserve(Capacity() > static_cast<size_t>(n) ? Capacity() : static_cast<size_t>(n));
+    // Room is made only when it is missing: reserving the same capacity again would cost a
+    // reallocation on every conversion.
+    if (!HasStorage() || Capacity() < static_cast<size_t>(n)) Reserve(static_cast<size_t>(n));
     MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(count), p_, n);
     SetLength(static_cast<size_t>(n));
 }

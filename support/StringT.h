@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <wchar.h>
 
@@ -70,8 +71,16 @@ public:
     // Never null: a string without storage reads as "".
     const wchar_t* c_str() const { return p_ ? p_ : L""; }
     operator const wchar_t*() const { return c_str(); }
-    size_t Length() const;
-    size_t Capacity() const;
+    size_t Length() const {
+        CheckValid();
+        const Header* h = HeaderPtr();
+        return h ? static_cast<size_t>(h->length) : 0;
+    }
+    size_t Capacity() const {
+        CheckValid();
+        const Header* h = HeaderPtr();
+        return h ? static_cast<size_t>(h->capacity) : 0;
+    }
     bool IsEmpty() const { return Length() == 0; }
     bool HasStorage() const { return p_ != nullptr; }
     wchar_t operator[](size_t i) const { return c_str()[i]; }
@@ -96,11 +105,32 @@ public:
     bool EqualsNoCase(const wchar_t* other) const { return CompareNoCase(other) == 0; }
     bool EndsWith(wchar_t ch) const { size_t n = Length(); return n && p_[n - 1] == ch; }
 
-    // Terminates the process if a guard word is broken.
-    void CheckValid() const;
+    // Terminates the process if a guard word is broken. Inline: it runs before nearly every use.
+    void CheckValid() const {
+        const Header* h = HeaderPtr();
+        if (!h) return;
+        const unsigned char* block = reinterpret_cast<const unsigned char*>(p_) - kLeadBytes;
+        if (ReadWord(block) != kGuard || ReadWord(block + 12) != kGuard ||
+            ReadWord(block + kLeadBytes + h->capacity * 2 + 2) != kGuard) {
+            Corrupt();
+        }
+    }
 
 private:
-    Header* HeaderPtr() const;
+    // Guard, header pointer, guard: the bytes in front of the characters.
+    static constexpr size_t kLeadBytes = 16;
+    static uint32_t ReadWord(const unsigned char* at) {
+        uint32_t v;
+        memcpy(&v, at, sizeof v);
+        return v;
+    }
+    Header* HeaderPtr() const {
+        if (!p_) return nullptr;
+        Header* h;
+        memcpy(&h, reinterpret_cast<const unsigned char*>(p_) - kLeadBytes + 4, sizeof h);
+        return h;
+    }
+    [[noreturn]] static void Corrupt();
     void Release() noexcept;
     void Grow(size_t needed);
     IMemMgr* Manager() const;

@@ -15,7 +15,7 @@ namespace {
 void Journal(const wchar_t* entry)
 {
     LogStore* store = Store();
-    if (store == nullptr)
+    if (store == nullptr || store->recording != kRecordLines)
         return;
     StoreLock guard(store);
     try {
@@ -115,7 +115,14 @@ HRESULT LogWrite(uint16_t nesting, const uint32_t* severity, HMODULE module, con
     LONG delay = store->writeDelay;
     if (delay > 0)
         Sleep(static_cast<DWORD>(delay));
+    const LONG recording = store->recording;
+    if (recording == kDropLines)
+        return S_OK;
     try {
+        if (recording == kFormatOnly) {
+            FormatText(format, args);
+            return S_OK;
+        }
         LogRecord record{nesting, severity != nullptr ? *severity : 0u, GetCurrentThreadId(), module,
                          HeapString(function != nullptr ? function : L""), FormatText(format, args)};
         int depth = AdvanceDepth(store, nesting);

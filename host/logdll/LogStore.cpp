@@ -80,7 +80,8 @@ BOOL CALLBACK FindOrCreate(PINIT_ONCE, PVOID, PVOID*)
 
 LogStore::LogStore()
     : layout(kLayout), file(INVALID_HANDLE_VALUE), console(false), depthSlot(TlsAlloc()), initCalls(0),
-      deinitCalls(0), removeModuleCalls(0), writeDelay(0)
+      deinitCalls(0), removeModuleCalls(0), writeDelay(0),
+      recording(kRecordLines)
 {
     InitializeCriticalSection(&lock);
     wchar_t path[MAX_PATH];

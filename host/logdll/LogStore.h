@@ -60,6 +60,14 @@ struct LogStore {
     int deinitCalls;
     int removeModuleCalls;
     volatile LONG writeDelay;
+    volatile LONG recording;     // LogRecording: what a write keeps (benchmarks turn it down)
+};
+
+// What a write does with its line; the benchmarks compare writers without the cost of the store.
+enum LogRecording : LONG {
+    kRecordLines = 0,    // format, record and emit (the default)
+    kFormatOnly = 1,     // format the message text, keep nothing
+    kDropLines = 2,      // return at once
 };
 
 // Oldest lines are dropped beyond this many, so that a long-running host stays bounded.

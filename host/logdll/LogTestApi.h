@@ -33,5 +33,9 @@ using LogTestCountersFn = void (*)(int* initCalls, int* deinitCalls, int* remove
 using LogTestJournalFn = int (*)(wchar_t* buffer, int capacity);
 // Makes every write block for that many milliseconds before it records its line.
 using LogTestSetWriteDelayFn = void (*)(DWORD milliseconds);
+// What every later write keeps: 0 records and emits its line (the default), 1 only formats the
+// message text, 2 does nothing. Besides 0 the lifecycle journal is not kept either. For the
+// benchmarks, which compare writers without the cost of the store.
+using LogTestSetRecordingFn = void (*)(int mode);
 
 } // extern "C"

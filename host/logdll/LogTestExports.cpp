@@ -108,4 +108,13 @@ void LogTestSetWriteDelay(DWORD milliseconds)
         InterlockedExchange(&store->writeDelay, static_cast<LONG>(milliseconds));
 }
 
+void LogTestSetRecording(int mode)
+{
+    LogStore* store = Store();
+    if (store == nullptr)
+        return;
+    const LONG value = mode == kFormatOnly || mode == kDropLines ? static_cast<LONG>(mode) : LONG{kRecordLines};
+    InterlockedExchange(&store->recording, value);
+}
+
 } // extern "C"

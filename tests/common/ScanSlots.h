@@ -1,0 +1,103 @@
+#pragma once
+// IAntivirusScan called by slot number, as another plug-in's compiled code calls it, for the
+// whole-plug-in tests (load, faults, bad input). Each returns the slot's own result.
+#include "tests/common/PluginHarness.h"
+
+#include <json/json.h>
+
+#include <string>
+
+namespace testing_support { namespace slots {
+
+using qv::kxsdk::AntivirusScan::HashChainSettings;
+using qv::kxsdk::AntivirusScan::IAntivirusScan;
+using qv::kxsdk::AntivirusScan::ScanMode;
+using qv::kxsdk::AntivirusScan::ScanType;
+
+enum Slot {
+    kRegisterEnginesEvents = 0,
+    kRegisterScanEvents = 1,
+    kRegisterSettingsEvents = 2,
+    kUnregisterEnginesEvents = 3,
+    kUnregisterScanEvents = 4,
+    kUnregisterSettingsEvents = 5,
+    kGetScanType = 6,
+    kGetScanModes = 7,
+    kEnableBackup = 8,
+    kIsBackupEnabled = 9,
+    kGetEnginesVersion = 10,
+    kGetSignaturesCount = 11,
+    kSetFeatureStatus = 12,
+    kGetFeatureStatus = 13,
+    kReportHashChain = 14,
+    kGetHashChainSettings = 15,
+    kReportSignatureInfo = 16,
+    kIsSignatureInfoReported = 17,
+};
+
+inline DWORD RegisterEngines(void* scan, IAntivirusScan::IEnginesEvents* s) {
+    return CallSlot<DWORD>(scan, kRegisterEnginesEvents, s);
+}
+inline DWORD RegisterScan(void* scan, IAntivirusScan::IScanEvents* s) {
+    return CallSlot<DWORD>(scan, kRegisterScanEvents, s);
+}
+inline DWORD RegisterSettings(void* scan, IAntivirusScan::ISettingsEvents* s) {
+    return CallSlot<DWORD>(scan, kRegisterSettingsEvents, s);
+}
+inline DWORD UnregisterEngines(void* scan, IAntivirusScan::IEnginesEvents* s) {
+    return CallSlot<DWORD>(scan, kUnregisterEnginesEvents, s);
+}
+inline DWORD UnregisterScan(void* scan, IAntivirusScan::IScanEvents* s) {
+    return CallSlot<DWORD>(scan, kUnregisterScanEvents, s);
+}
+inline DWORD UnregisterSettings(void* scan, IAntivirusScan::ISettingsEvents* s) {
+    return CallSlot<DWORD>(scan, kUnregisterSettingsEvents, s);
+}
+inline DWORD GetScanType(void* scan, ScanType* type) { return CallSlot<DWORD>(scan, kGetScanType, type); }
+inline DWORD GetScanModes(void* scan, ScanMode* primary, ScanMode* fallback) {
+    return CallSlot<DWORD>(scan, kGetScanModes, primary, fallback);
+}
+inline DWORD EnableBackup(void* scan, bool on) { return CallSlot<DWORD>(scan, kEnableBackup, on); }
+inline DWORD IsBackupEnabled(void* scan, bool* on) { return CallSlot<DWORD>(scan, kIsBackupEnabled, on); }
+inline DWORD GetEnginesVersion(void* scan, qv::StringW* version) {
+    return CallSlot<DWORD>(scan, kGetEnginesVersion, version);
+}
+inline DWORD GetSignaturesCount(void* scan, uint64_t* count) {
+    return CallSlot<DWORD>(scan, kGetSignaturesCount, count);
+}
+inline DWORD SetFeatureStatus(void* scan, const qv::StringW& name, bool locked) {
+    return CallSlot<DWORD, const qv::StringW&, bool>(scan, kSetFeatureStatus, name, locked);
+}
+inline DWORD GetFeatureStatus(void* scan, const qv::StringW& name, bool* locked) {
+    return CallSlot<DWORD, const qv::StringW&, bool*>(scan, kGetFeatureStatus, name, locked);
+}
+inline DWORD ReportHashChain(void* scan, bool on) {
+    HashChainSettings settings{on};
+    return CallSlot<DWORD, const HashChainSettings&>(scan, kReportHashChain, settings);
+}
+inline DWORD GetHashChainSettings(void* scan, HashChainSettings* settings) {
+    return CallSlot<DWORD>(scan, kGetHashChainSettings, settings);
+}
+inline DWORD ReportSignatureInfo(void* scan, bool on) { return CallSlot<DWORD>(scan, kReportSignatureInfo, on); }
+inline DWORD IsSignatureInfoReported(void* scan, bool* on) {
+    return CallSlot<DWORD>(scan, kIsSignatureInfoReported, on);
+}
+
+// Reads a settings file as the store wrote it; false when it is not one JSON object.
+bool ReadSettingsFile(const std::wstring& path, Json::Value& document);
+// The "/AntivirusScan" section of a settings document, or null.
+Json::Value ModuleSection(const Json::Value& document);
+
+// True when some captured log line has exactly this text and severity.
+bool LineWith(const std::wstring& text, uint32_t severity);
+// True when some captured log line's text starts with the prefix.
+bool LineStartingWith(const std::wstring& prefix);
+
+// Writes bytes to a file, replacing it; false on failure.
+bool WriteBytes(const std::wstring& path, const std::string& bytes);
+bool Exists(const std::wstring& path);
+// Removes a test's own folder with everything in it, read-only entries included; links are
+// removed as entries, never walked into.
+void RemoveFolder(const std::wstring& path);
+
+}} // namespace testing_support::slots

@@ -1,0 +1,19 @@
+#pragma once
+// What the plug-in is to make of an engines kit's "Plugins\update.txt", worked out independently
+// of its reader: the first four lines end at line feeds (the last may end at the end of the file),
+// each byte is one character, and lines 2 and 4 give their last blank-separated word after
+// trailing blanks, tabs and line feeds are dropped. Fewer than four lines give nothing.
+#include <cstdint>
+#include <string>
+
+namespace testing_support {
+
+struct ExpectedEngines {
+    bool read = false;       // four lines were there
+    std::wstring version;    // line 4's last word; "" when not read
+    uint64_t count = 0;      // line 2's last word as _wtoi64 reads it; 0 when not read
+};
+
+ExpectedEngines ExpectedFromUpdateFile(const std::string& bytes);
+
+} // namespace testing_support

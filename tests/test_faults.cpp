@@ -1,0 +1,727 @@
+// Every call the plug-in makes into a sibling plug-in, failed in turn. A scenario (Init, Start,
+// DelayedStart, a remote-scan event, an "Antivirus" installation, each switch, Stop, UnInit) is
+// run once to learn which calls each step makes; then, for every one of those calls, a fresh
+// plug-in runs the scenario with that single call failing. Each fault must give its documented
+// result code and log line, must not crash or hang, must leave no lock held and no plug-in or
+// settings section unreturned after UnInit, and must leave the settings file valid JSON in which
+// every key holds its old value or the new one. The second half fails the file system instead:
+// the settings file read-only or locked, and the files the plug-in creates or deletes locked.
+#include "tests/common/FaultInjection.h"
+#include "tests/common/ScanSlots.h"
+#include "tests/common/ThreadProbe.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace testing_support;
+using namespace testing_support::slots;
+namespace ids = qv::kxsdk::ids;
+
+const wchar_t* const kAllPlugins[] = {ids::kServConfigName, ids::kSettingsName, ids::kUpdateName,
+                                      ids::kRemoteScanName, ids::kCtcName,      ids::kScanSpName,
+                                      ids::kTelemetryName};
+
+std::string Narrow(const std::wstring& s) {
+    std::string out;
+    for (wchar_t c : s) out += c < 128 ? static_cast<char>(c) : '?';
+    return out;
+}
+
+
+// The folders and files of one installation, under a fresh temporary folder.
+struct Installation {
+    std::wstring root, coreTemp, engines, common, settingsFile, patterns;
+
+    Installation() {
+        root = TempFolder(L"faults");
+        coreTemp = root + L"\\temp\\scansp";
+        engines = root + L"\\engines";
+        common = root + L"\\common";
+        settingsFile = root + L"\\settings.json";
+        patterns = root + L"\\sigs\\*";
+        for (const std::wstring& dir : {root + L"\\temp", coreTemp, engines, engines + L"\\Plugins", common,
+                                        common + L"\\installer", root + L"\\sigs", root + L"\\sigs\\v1"})
+            CreateDirectoryW(dir.c_str(), nullptr);
+        WriteBytes(root + L"\\temp\\old.tmp", "stale");
+        WriteBytes(common + L"\\installer\\wslib.db", "cache");
+        WriteBytes(common + L"\\installer\\wslib.m", "cache");
+        WriteBytes(engines + L"\\Plugins\\update.txt", "kit\nsignatures 1000\nx\nversion 9.9.9\n");
+    }
+    ~Installation() { RemoveFolder(root); }
+    // Replaces the placeholders {engines}, {core}, {common}, {root} and {exe} in a log text.
+    std::wstring Expand(std::wstring text) const {
+        const std::pair<const wchar_t*, std::wstring> tokens[] = {
+            {L"{engines}", engines}, {L"{core}", coreTemp}, {L"{common}", common}, {L"{root}", root},
+            {L"{exe}", ExeFolder()}};
+        for (const auto& token : tokens) {
+            for (size_t at; (at = text.find(token.first)) != std::wstring::npos;)
+                text.replace(at, wcslen(token.first), token.second);
+        }
+        return text;
+    }
+};
+
+enum class Mode { Normal, Recovery };
+
+// One plug-in in one installation, with every sibling call going through the fault injector.
+struct Rig {
+    explicit Rig(Mode mode) : mode(mode) {
+        plugin.env.settings.UseFile(site.settingsFile);
+        auto& config = plugin.env.servConfig;
+        config.SetText(51, L"BASE", L"full");
+        config.SetText(17, L"scansp", site.coreTemp.c_str());
+        config.SetText(2, L"scansp", site.engines.c_str());
+        config.SetText(0, L"signaturesPatterns", site.patterns.c_str());
+        config.SetText(0, L"common", site.common.c_str());
+        plugin.env.remoteScan.SetStatus(true);
+        plugin.env.remoteScan.SetFallbackMode(2);
+        plugin.env.update.SetStatistic(L"Antivirus", L"1.2.3", 42);
+        if (mode == Mode::Recovery) plugin.env.manager.SetMissing(ids::kScanSpName);
+    }
+    Mode mode;
+    Installation site;
+    PluginUnderTest plugin;
+    FaultyHost faults{plugin.env};
+};
+
+// The state a switch step may change, read back through the plug-in's getters.
+struct Switches {
+    bool backup = false, hashChain = false, signatureInfo = false;
+};
+Switches ReadSwitches(void* scan) {
+    Switches s;
+    HashChainSettings hc{false};
+    IsBackupEnabled(scan, &s.backup);
+    GetHashChainSettings(scan, &hc);
+    s.hashChain = hc.enabled;
+    IsSignatureInfoReported(scan, &s.signatureInfo);
+    return s;
+}
+
+struct Step {
+    const char* name;
+    std::function<DWORD(Rig&)> run;
+    // For a switch: the key it changes and the value it writes.
+    const char* key = nullptr;
+    Json::Value newValue = Json::Value();
+};
+
+std::vector<Step> Scenario() {
+    std::vector<Step> steps;
+    steps.push_back({"Init", [](Rig& r) { return r.plugin.Init(); }});
+    steps.push_back({"Start", [](Rig& r) { return r.plugin.Start(); }});
+    steps.push_back({"DelayedStart", [](Rig& r) { return r.plugin.DelayedStart(); }});
+    steps.push_back({"OnScanModeChanged", [](Rig& r) {
+                         r.plugin.env.remoteScan.SetFallbackMode(1);
+                         return r.plugin.env.remoteScan.FireScanModeChanged();
+                     }});
+    steps.push_back({"OnComponentInstalled", [](Rig& r) {
+                         // In recovery the repaired engines can now be loaded: the restart path.
+                         if (r.mode == Mode::Recovery) r.plugin.env.manager.Restore(ids::kScanSpName);
+                         return r.plugin.env.update.DeliverComponentInstalled(L"Updater", L"Antivirus",
+                                                                             r.site.engines.c_str());
+                     }});
+    steps.push_back({"EnableBackup", [](Rig& r) { return EnableBackup(r.plugin.scan, true); }, "enableBackup",
+                     Json::Value(true)});
+    Json::Value hashChainOn(Json::objectValue);
+    hashChainOn["enabled"] = true;
+    steps.push_back({"ReportHashChain", [](Rig& r) { return ReportHashChain(r.plugin.scan, true); },
+                     "reportHashChain", hashChainOn});
+    steps.push_back({"ReportSignatureInfo", [](Rig& r) { return ReportSignatureInfo(r.plugin.scan, true); },
+                     "reportSignatureInfo", Json::Value(true)});
+    steps.push_back({"SetFeatureStatus",
+                     [](Rig& r) { return SetFeatureStatus(r.plugin.scan, qv::StringW(L"Quarantine"), false); },
+                     "Quarantine", Json::Value(false)});
+    steps.push_back({"GetFeatureStatus", [](Rig& r) {
+                         bool locked = false;
+                         return GetFeatureStatus(r.plugin.scan, qv::StringW(L"Firewall"), &locked);
+                     }});
+    steps.push_back({"Stop", [](Rig& r) { return r.plugin.Stop(); }});
+    steps.push_back({"UnInit", [](Rig& r) { return r.plugin.UnInit(); }});
+    return steps;
+}
+
+struct Golden {
+    std::vector<DWORD> results;
+    std::vector<std::vector<std::string>> sites;
+};
+
+Golden RunGolden(Mode mode) {
+    Golden golden;
+    Rig rig(mode);
+    for (const Step& step : Scenario()) {
+        rig.faults.plan.Arm(0);
+        golden.results.push_back(step.run(rig));
+        golden.sites.push_back(rig.faults.plan.Sites());
+        rig.faults.plan.Disarm();
+    }
+    rig.plugin.stopped = true;
+    return golden;
+}
+
+
+// The sweep relies on a scenario that makes the same calls in the same order every time.
+TEST(FaultSites, ScenarioMakesTheSameCallsEveryRun) {
+    for (Mode mode : {Mode::Normal, Mode::Recovery}) {
+        Golden first = RunGolden(mode), second = RunGolden(mode);
+        EXPECT_EQ(first.results, second.results);
+        EXPECT_EQ(first.sites, second.sites);
+        for (DWORD result : first.results) EXPECT_TRUE(result == 0 || (mode == Mode::Recovery && result == 1359));
+    }
+}
+
+// What a failed call must lead to: the step's result and the log lines it writes.
+struct Outcome {
+    DWORD code;
+    std::vector<std::pair<std::wstring, uint32_t>> lines;
+};
+constexpr DWORD kAsUsual = 0xFFFFFFFFu;  // the result the step gives without any fault
+
+using Table = std::map<std::string, Outcome>;
+
+std::wstring RemoteInfo(int status, int rsMode) {
+    return L"RemoteScan info [status = " + std::to_wstring(status) + L"] [fallback = 1] [rsMode = " +
+           std::to_wstring(rsMode) + L"] ";
+}
+
+// The remote-scan queries: their answers are ignored; a failed one leaves its initial value.
+void AddRemoteQueries(Table& t, const std::string& step, int rsMode) {
+    t[step + "|RemoteScan::GetStatus"] = {kAsUsual, {{RemoteInfo(0, rsMode), 32}}};
+    t[step + "|RemoteScan::GetServerCount"] = {kAsUsual, {{RemoteInfo(1, rsMode), 32}}};
+    t[step + "|RemoteScan::GetFallbackMode"] = {kAsUsual,
+                                                {{RemoteInfo(1, 0), 32}, {L"ScanModeNone when using fallback.", 8}}};
+}
+
+void AddSaveSettings(Table& t, const std::string& step, const std::string& n, const Outcome& outcome) {
+    for (const char* site : {"Settings::OpenSection#", "Section::SetBool(enableBackup)#",
+                             "Section::SetValue(reportHashChain)#", "Section::SetBool(reportSignatureInfo)#"})
+        t[step + "|" + site + n] = outcome;
+}
+
+Outcome Missing(const wchar_t* name, DWORD code, const wchar_t* message, uint32_t severity) {
+    return {code, {{L"Error 1168 getting plugin \"" + std::wstring(name) + L"\"", 8}, {message, severity}}};
+}
+
+// Keys are "step|site#n" (the n-th call of that site within the step) or "step|site" (any call).
+const Table& Outcomes(Mode mode) {
+    static Table normal, recovery;
+    Table& t = mode == Mode::Normal ? normal : recovery;
+    if (!t.empty()) return t;
+    const bool rec = mode == Mode::Recovery;
+
+    t["Init|Manager::GetPlugin(productinfo)"] =
+        Missing(ids::kServConfigName, 5002, L"Dependency not found : ServConfig.", 4);
+    t["Init|ServConfig::GetText(17,scansp)"] = {0, {{L"Core temp path is empty!", 4}}};
+    t["Init|ServConfig::GetText(51,BASE)"] = {13, {{L"Invalid scan type [config = ]", 4}, {L"Invalid scan type.", 4}}};
+    t["Init|Manager::GetPlugin(Update.UpdateAL)"] =
+        Missing(ids::kUpdateName, 5002, L"Dependency not found : Update.", 4);
+    t["Init|Manager::GetPlugin(KXSettings)"] =
+        Missing(ids::kSettingsName, 5002, L"Dependency not found : Settings.", 4);
+    t["Init|Settings::OpenSection#1"] = {0, {{L"Cannot load settings.", 8}, {L"[backup = 0]", 32}}};
+    for (const char* get : {"GetBool(enableBackup)", "GetValue(reportHashChain)", "GetBool(reportSignatureInfo)"})
+        t[std::string("Init|Section::") + get] = {0, {{L"[backup = 0]", 32}}};
+    t["Init|Section::GetUInt(engines/reloadStatus)"] = {0, {{L"Last reload engines status = 2", 32}}};
+    t["Init|Section::GetString(engines/folder)"] = {0, {{L"LastOk engines folder = ", 32}}};
+    t["Init|ServConfig::GetText(0,signaturesPatterns)"] = {0, {{L"No sig folder pattern", 8}}};
+    t["Init|ServConfig::GetText(2,scansp)#1"] = {0, {{L"Latest engines folder = ", 32}}};
+    t["Init|Manager::GetPlugin(scansp)"] = Missing(ids::kScanSpName, 0, L"Dependency not found : ScanSp.", 8);
+    t["Init|ServConfig::GetText(2,scansp)#2"] = {0, {{L"[oldPath = ] [newPath = ]", 32}}};
+    t["Init|Settings::OpenSection#2"] = {0, {{L"[oldPath = ] [newPath = {engines}]", 32}}};
+    t["Init|Section::SetString(engines/folder)"] = {0,
+                                                    {{L"Cannot save reload info [oldPath = ] [newPath = {engines}]", 8}}};
+    t["Init|Section::SetUInt(engines/reloadStatus)"] = t["Init|Section::SetString(engines/folder)"];
+    t["Init|Manager::GetPlugin(AntivirusScan.Remote)"] =
+        Missing(ids::kRemoteScanName, 0, L"Dependency not found : RemoteScan.", 8);
+    AddRemoteQueries(t, "Init", 2);
+    t["Init|Manager::GetPlugin(ctc)"] = Missing(ids::kCtcName, 0, L"Dependency not found : CTC.", 32);
+    t["Init|ScanSp::GetInterface"] = {0, {}};
+    t["Init|CrashHandler::SetOption(6001)"] = {0, {{L"SilentSubmitDump [error = 31]", 32}}};
+    t["Init|CrashHandler::SetOption(6002)"] = {0, {{L"SilentSubmitDefaultAct [error = 31]", 32}}};
+    t["Init|ScanSp::SetOption(9)"] = {0, {{L"Cannot apply backup status. [error = 31]", 8}}};
+
+    t["Start|Update::RegisterEvents"] = {15025, {{L"Cannot register update events [error = 31]", 4}}};
+    t["Start|RemoteScan::RegisterEvents"] = {15025, {{L"Cannot register remote scan events [error = 31]", 4}}};
+
+    t["DelayedStart|ServConfig::GetText(2,scansp)"] = {0, {{L"Invalid engines path = ", 32}}};
+    t["DelayedStart|Update::GetStatistics"] = {
+        0, {{L"Cannot obtain update statistics. [error = 31]", 4}, {L"Signature [version = 9.9.9] [count = 1000]", 32}}};
+    AddRemoteQueries(t, "DelayedStart", 2);
+    t["DelayedStart|Manager::GetPlugin(Product.Matrix)"] = {0, {{L"Cannot obtain Telemetry plugin", 4}}};
+    t["DelayedStart|Telemetry::SubmitEvent"] = {0, {}};
+    t["DelayedStart|Manager::ReleasePlugin(Product.Matrix)"] = {0, {}};
+    t["DelayedStart|ServConfig::GetText(0,common)"] = {0, {{L"deleting wslib.db = {exe}\\installer\\wslib.db", 32}}};
+    t["DelayedStart|Update::GetUpdateSettings"] = {0, {{L"Failed to read the update settings [error = 31]", 4}}};
+    t["DelayedStart|Update::StartUpdate"] = {0, {{L"StartUpdate failed [error = 31] [status = 0]", 32}}};
+
+    AddRemoteQueries(t, "OnScanModeChanged", 1);
+
+    const std::wstring lastOk = rec ? L"" : L"{engines}";
+    const std::string ci = "OnComponentInstalled|";
+    t[ci + "Settings::OpenSection#1"] = {0, {{L"[lastOk = " + lastOk + L"] [oldReloadStatus = 2] [newReloadStatus = 1]", 32}}};
+    t[ci + "Section::SetUInt(engines/reloadStatus)#1"] = {0, {{L"Cannot save reload info [lastOk = " + lastOk + L"]", 8}}};
+    t[ci + "ScanSp::ReloadEngines"] = {0, {{L"OnReloadEnded [path = {engines}] [error = 31]", 4}}};
+    t[ci + "Manager::GetPlugin(scansp)"] = {0, {{L"ScanSp load NOT-FIXED => invalidate_cache", 8}}};
+    t[ci + "Manager::ReleasePlugin(scansp)"] = {0, {{L"ScanSp load FIXED => restart service required", 8}}};
+    t[ci + "ServConfig::GetText(2,scansp)"] = {0, {{L"[oldPath = " + lastOk + L"] [newPath = ]", 32}}};
+    t[ci + "Settings::OpenSection#2"] = {0, {{L"[oldPath = " + lastOk + L"] [newPath = {engines}]", 32}}};
+    t[ci + "Section::SetString(engines/folder)"] = {
+        0, {{L"Cannot save reload info [oldPath = " + lastOk + L"] [newPath = {engines}]", 8}}};
+    t[ci + "Section::SetUInt(engines/reloadStatus)#2"] = t[ci + "Section::SetString(engines/folder)"];
+    t[ci + "ScanSp::SetOption(9)"] = {
+        0, {{L"Cannot apply backup status. [error = 31]", 8}, {L"Cannot apply backup status [value = 0]", 8}}};
+    t[ci + "Update::GetStatistics"] = {0, {{L"Cannot obtain update statistics. [error = 31]", 4}}};
+    AddRemoteQueries(t, "OnComponentInstalled", 1);
+    t[ci + "Update::RestartService"] = {0, {{L"Restart service using Update failed [error = 31]", 4}}};
+
+    const Outcome saveFailed{1013, {{L"save failed", 4}}};
+    AddSaveSettings(t, "EnableBackup", "1", saveFailed);
+    // Without the provider the backup cannot be applied and the old record is written back;
+    // a failure of that write changes nothing in the answer.
+    AddSaveSettings(t, "EnableBackup", "2", {1359, {{L"ScanSp not loaded.", 8}, {L"apply failed", 4}}});
+    t["EnableBackup|ScanSp::SetOption(9)"] = {
+        1359, {{L"Cannot apply backup status. [error = 31]", 8}, {L"apply failed", 4}}};
+    for (const char* step : {"ReportHashChain", "ReportSignatureInfo"}) AddSaveSettings(t, step, "1", saveFailed);
+    for (const char* site : {"Settings::OpenSection", "Section::SetBool(Quarantine)"})
+        t[std::string("SetFeatureStatus|") + site] = {0, {{L"[name = Quarantine] [isLocked = 0]", 32}}};
+    for (const char* site : {"Settings::OpenSection", "Section::GetBool(Firewall)"})
+        t[std::string("GetFeatureStatus|") + site] = {0, {}};
+    for (const char* site : {"Update::UnregisterEvents", "RemoteScan::UnregisterEvents"})
+        t[std::string("Stop|") + site] = {0, {}};
+    for (const wchar_t* name : kAllPlugins)
+        t["UnInit|Manager::ReleasePlugin(" + Narrow(name) + ")"] = {0, {}};
+    return t;
+}
+
+const Outcome* Find(const Table& table, const std::string& step, const std::string& site) {
+    auto it = table.find(step + "|" + site);
+    if (it == table.end()) it = table.find(step + "|" + site.substr(0, site.rfind('#')));
+    return it == table.end() ? nullptr : &it->second;
+}
+
+const Golden& GoldenFor(Mode mode) {
+    static Golden normal = RunGolden(Mode::Normal);
+    static Golden recovery = RunGolden(Mode::Recovery);
+    return mode == Mode::Normal ? normal : recovery;
+}
+
+Json::Value FileSection(const Installation& site, bool* valid) {
+    Json::Value document;
+    *valid = true;
+    if (!Exists(site.settingsFile)) return Json::Value(Json::objectValue);
+    *valid = ReadSettingsFile(site.settingsFile, document);
+    Json::Value section = ModuleSection(document);
+    return section.isNull() ? Json::Value(Json::objectValue) : section;
+}
+
+// Every key of the section after a step holds its value from before the step or the value this
+// step writes; never anything else.
+void ExpectOldOrNew(const Step& step, const Json::Value& before, const Json::Value& after, const Installation& site) {
+    const std::string engines = Narrow(site.engines);
+    std::vector<std::string> keys = before.getMemberNames();
+    for (const std::string& k : after.getMemberNames())
+        if (!before.isMember(k)) keys.push_back(k);
+    for (const std::string& key : keys) {
+        const Json::Value& was = before[key];
+        const Json::Value& now = after[key];
+        if (now == was) continue;
+        if (step.key && key == step.key && now == step.newValue) continue;
+        const std::string name = step.name;
+        if ((name == "Init" || name == "OnComponentInstalled") && key == "engines" && now.isObject()) {
+            bool ok = true;
+            for (const std::string& k : now.getMemberNames()) {
+                const Json::Value& v = now[k];
+                if (k == "reloadStatus") ok = ok && v.isUInt() && (v.asUInt() == 1 || v.asUInt() == 2);
+                else if (k == "folder") ok = ok && v.isString() && (v.asString() == engines || v.asString().empty());
+                else ok = false;
+            }
+            if (ok) continue;
+        }
+        // A switch save writes all three switches: one never stored before appears with the
+        // value the plug-in holds for it, which is still its default here.
+        if (was.isNull()) {
+            Json::Value off(Json::objectValue);
+            off["enabled"] = false;
+            if ((key == "enableBackup" || key == "reportSignatureInfo") && now == Json::Value(false)) continue;
+            if (key == "reportHashChain" && now == off) continue;
+        }
+        ADD_FAILURE() << "key \"" << key << "\" went from " << was.toStyledString() << " to " << now.toStyledString();
+    }
+}
+
+bool SwitchValue(void* scan, const std::string& step) {
+    Switches s = ReadSwitches(scan);
+    if (step == "EnableBackup") return s.backup;
+    if (step == "ReportHashChain") return s.hashChain;
+    return s.signatureInfo;
+}
+
+// Every query and every sink container answers from another thread within the time: nothing
+// was left locked by the failed step.
+void ExpectNothingLocked(void* scan) {
+    struct Sink : IAntivirusScan::ISettingsEvents, IAntivirusScan::IEnginesEvents, IAntivirusScan::IScanEvents {
+        int OnBackupStatusChanged(bool) override { return 0; }
+        int OnFeatureStatusChanged(const qv::StringW&, bool) override { return 0; }
+        int OnHashChainSettingsChanged(const HashChainSettings&) override { return 0; }
+        int OnSignatureInfoReportingChanged(bool) override { return 0; }
+        int OnReloadStarted(const qv::StringW&) override { return 0; }
+        int OnReloadEnded(const qv::StringW&, int) override { return 0; }
+        int OnScanModesChanged(ScanMode, ScanMode) override { return 0; }
+    };
+    auto sink = std::make_shared<Sink>();
+    auto answers = std::make_shared<std::vector<DWORD>>();
+    qvtest::TestThread probe([scan, sink, answers] {
+        ScanType type;
+        bool b;
+        HashChainSettings hc;
+        answers->push_back(GetScanType(scan, &type));
+        answers->push_back(IsBackupEnabled(scan, &b));
+        answers->push_back(GetHashChainSettings(scan, &hc));
+        answers->push_back(IsSignatureInfoReported(scan, &b));
+        answers->push_back(GetFeatureStatus(scan, qv::StringW(L"Probe"), &b));
+        answers->push_back(RegisterSettings(scan, sink.get()));
+        answers->push_back(RegisterEngines(scan, sink.get()));
+        answers->push_back(RegisterScan(scan, sink.get()));
+        answers->push_back(UnregisterSettings(scan, sink.get()));
+        answers->push_back(UnregisterEngines(scan, sink.get()));
+        answers->push_back(UnregisterScan(scan, sink.get()));
+    });
+    if (!probe.Finished(5000)) {
+        fprintf(stderr, "FATAL: the plug-in stayed locked after a failed call\n");
+        fflush(stderr);
+        TerminateProcess(GetCurrentProcess(), 3);
+    }
+    for (DWORD answer : *answers) EXPECT_EQ(0u, answer);
+}
+
+void ExpectEverythingGivenBack(Rig& rig) {
+    for (const wchar_t* name : kAllPlugins)
+        EXPECT_EQ(0, rig.plugin.env.manager.Outstanding(name)) << "still held: " << Narrow(name);
+    EXPECT_TRUE(rig.plugin.env.manager.Balanced());
+    EXPECT_EQ(0, rig.plugin.env.settings.Outstanding()) << "settings sections not released";
+    EXPECT_EQ(0, rig.plugin.env.scanSp.OutstandingInterfaces());
+    EXPECT_EQ(0, rig.faults.OutstandingCrashHandlers());
+}
+
+// Runs the scenario up to the step, fails the call numbered `call` of that step, and checks
+// everything a failure must leave behind.
+using Refusal = FaultyHost::Refusal;
+
+// A plug-in refused rather than missing: the same outcome with the refusal's code, or, when the
+// manager writes the interface all the same, the step going on as usual.
+Outcome ForRefusal(const Outcome& missing, Refusal refusal, const std::string& site) {
+    const std::wstring missingText = L"Error 1168 getting plugin";
+    const std::wstring refusedText = L"Error " + std::to_wstring(kRefusedError) + L" getting plugin";
+    Outcome outcome = missing;
+    if (refusal == Refusal::RefusedButWritten) {
+        const std::string name = site.substr(site.find('(') + 1, site.find(')') - site.find('(') - 1);
+        outcome = {kAsUsual, {{refusedText + L" \"" + std::wstring(name.begin(), name.end()) + L"\"", 8}}};
+    }
+    for (auto& line : outcome.lines)
+        if (line.first.compare(0, missingText.size(), missingText) == 0) line.first.replace(0, missingText.size(), refusedText);
+    return outcome;
+}
+
+void RunFault(Mode mode, size_t stepIndex, int call, Refusal refusal = Refusal::Missing) {
+    const Golden& golden = GoldenFor(mode);
+    const std::vector<Step> steps = Scenario();
+    const Step& step = steps[stepIndex];
+    const std::string site = golden.sites[stepIndex][call - 1];
+    const char* const refusals[] = {"", " (refused)", " (refused, interface written)"};
+    SCOPED_TRACE(std::string(mode == Mode::Normal ? "normal" : "recovery") + " " + step.name + " | " + site +
+                 refusals[static_cast<int>(refusal)]);
+
+    Rig rig(mode);
+    rig.faults.refusal = refusal;
+    for (size_t i = 0; i < stepIndex; ++i) ASSERT_EQ(golden.results[i], steps[i].run(rig)) << steps[i].name;
+    bool valid = false;
+    const Json::Value before = FileSection(rig.site, &valid);
+    const bool oldValue = step.key && step.newValue.isBool() ? SwitchValue(rig.plugin.scan, step.name) : false;
+
+    avhost::ClearCapturedLines();
+    rig.faults.plan.Arm(call);
+    const DWORD result = step.run(rig);
+    rig.faults.plan.Disarm();
+    ASSERT_EQ(site, rig.faults.plan.Failed()) << "the step made other calls than without the fault";
+
+    const Outcome* documented = Find(Outcomes(mode), step.name, site);
+    Outcome adapted;
+    if (documented && refusal != Refusal::Missing) adapted = ForRefusal(*documented, refusal, site);
+    const Outcome* outcome = documented && refusal != Refusal::Missing ? &adapted : documented;
+    if (!outcome) {
+        ADD_FAILURE() << "no documented outcome for this fault (result " << result << ")";
+    } else {
+        EXPECT_EQ(outcome->code == kAsUsual ? golden.results[stepIndex] : outcome->code, result);
+        for (const auto& line : outcome->lines) {
+            const std::wstring text = rig.site.Expand(line.first);
+            EXPECT_TRUE(LineWith(text, line.second)) << "missing line: " << Narrow(text) << " (" << line.second << ")";
+        }
+    }
+    EXPECT_FALSE(LineStartingWith(L"unexpected exception"));
+    if (stepIndex + 2 < steps.size() && rig.plugin.primary) ExpectNothingLocked(rig.plugin.scan);
+
+    const Json::Value after = FileSection(rig.site, &valid);
+    EXPECT_TRUE(valid) << "the settings file is no longer one JSON object";
+    ExpectOldOrNew(step, before, after, rig.site);
+    const std::string name = step.name;
+    if (name == "EnableBackup" || name == "ReportHashChain" || name == "ReportSignatureInfo") {
+        const bool now = SwitchValue(rig.plugin.scan, name);
+        if (result == 0) {
+            EXPECT_TRUE(now);
+            const Json::Value stored = after[step.key];
+            EXPECT_EQ(Json::Value(true), stored.isObject() ? stored["enabled"] : stored) << "store and record disagree";
+        } else {
+            EXPECT_EQ(oldValue, now) << "a failed switch changed the record";
+        }
+    }
+    if (name == "SetFeatureStatus") {
+        bool locked = true;
+        EXPECT_EQ(0u, GetFeatureStatus(rig.plugin.scan, qv::StringW(L"Quarantine"), &locked));
+        EXPECT_FALSE(locked) << "the in-memory lock table is the authority";
+    }
+
+    for (size_t i = stepIndex + 1; i < steps.size(); ++i) {
+        const std::string later = steps[i].name;
+        if (later == "Stop" || later == "UnInit") steps[i].run(rig);
+    }
+    rig.plugin.stopped = true;
+    ExpectEverythingGivenBack(rig);
+    FileSection(rig.site, &valid);
+    EXPECT_TRUE(valid);
+}
+
+int RunEveryFault(Mode mode) {
+    const Golden& golden = GoldenFor(mode);
+    int points = 0;
+    for (size_t step = 0; step < golden.sites.size(); ++step) {
+        for (size_t call = 1; call <= golden.sites[step].size(); ++call) {
+            RunFault(mode, step, static_cast<int>(call));
+            ++points;
+            if (golden.sites[step][call - 1].rfind("Manager::GetPlugin(", 0) != 0) continue;
+            for (Refusal refusal : {Refusal::Refused, Refusal::RefusedButWritten}) {
+                RunFault(mode, step, static_cast<int>(call), refusal);
+                ++points;
+            }
+        }
+    }
+    return points;
+}
+
+TEST(SiblingFaults, EveryCallOfANormalStartUpFailedInTurn) {
+    const int points = RunEveryFault(Mode::Normal);
+    printf("fault points (normal start-up): %d\n", points);
+    EXPECT_GE(points, 60);
+}
+
+TEST(SiblingFaults, EveryCallOfARecoveryStartUpFailedInTurn) {
+    const int points = RunEveryFault(Mode::Recovery);
+    printf("fault points (engines recovery): %d\n", points);
+    EXPECT_GE(points, 50);
+}
+
+} // namespace
+
+namespace {
+
+std::string ReadAll(const std::wstring& path) {
+    std::string bytes;
+    HANDLE h = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, 0, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return "<missing>";
+    char buffer[4096];
+    DWORD got = 0;
+    while (ReadFile(h, buffer, sizeof buffer, &got, nullptr) && got) bytes.append(buffer, got);
+    CloseHandle(h);
+    return bytes;
+}
+
+// Something that keeps the settings file from being replaced, and takes itself away again.
+struct FileBlock {
+    const char* name;
+    std::function<HANDLE(const std::wstring&)> apply;  // a handle to close afterwards, or null
+    std::function<void(const std::wstring&)> lift;
+};
+
+std::vector<FileBlock> Blocks() {
+    auto noLift = [](const std::wstring&) {};
+    auto opened = [](DWORD share) {
+        return [share](const std::wstring& path) {
+            return CreateFileW(path.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr);
+        };
+    };
+    return {
+        {"read-only",
+         [](const std::wstring& path) {
+             SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY);
+             return static_cast<HANDLE>(nullptr);
+         },
+         [](const std::wstring& path) { SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL); }},
+        {"open without sharing", opened(0), noLift},
+        {"open for reading by another", opened(FILE_SHARE_READ), noLift},
+    };
+}
+
+struct BlockedStep {
+    const char* name;
+    std::function<DWORD(Rig&)> run;
+    DWORD code;
+    std::vector<std::pair<std::wstring, uint32_t>> lines;
+};
+
+TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
+    const std::vector<BlockedStep> steps = {
+        {"EnableBackup", [](Rig& r) { return EnableBackup(r.plugin.scan, true); }, 1013, {{L"save failed", 4}}},
+        {"ReportHashChain", [](Rig& r) { return ReportHashChain(r.plugin.scan, true); }, 1013, {{L"save failed", 4}}},
+        {"ReportSignatureInfo", [](Rig& r) { return ReportSignatureInfo(r.plugin.scan, true); }, 1013,
+         {{L"save failed", 4}}},
+        {"SetFeatureStatus", [](Rig& r) { return SetFeatureStatus(r.plugin.scan, qv::StringW(L"Scan"), false); }, 0,
+         {{L"[name = Scan] [isLocked = 0]", 32}}},
+        {"OnComponentInstalled",
+         [](Rig& r) {
+             return r.plugin.env.update.DeliverComponentInstalled(L"Updater", L"Antivirus", r.site.engines.c_str());
+         },
+         0,
+         {{L"Cannot save reload info [lastOk = {engines}]", 8},
+          {L"Cannot save reload info [oldPath = {engines}] [newPath = {engines}]", 8}}},
+    };
+    int points = 0;
+    for (const FileBlock& block : Blocks()) {
+        for (const BlockedStep& step : steps) {
+            SCOPED_TRACE(std::string(block.name) + " during " + step.name);
+            Rig rig(Mode::Normal);
+            ASSERT_TRUE(rig.plugin.StartAll());
+            // One write first, so that the file exists with every key.
+            ASSERT_EQ(0u, ReportSignatureInfo(rig.plugin.scan, false));
+            const std::wstring& file = rig.site.settingsFile;
+            const std::string before = ReadAll(file);
+            const Switches old = ReadSwitches(rig.plugin.scan);
+
+            avhost::ClearCapturedLines();
+            HANDLE held = block.apply(file);
+            const DWORD result = step.run(rig);
+            if (held && held != INVALID_HANDLE_VALUE) CloseHandle(held);
+            block.lift(file);
+
+            EXPECT_EQ(step.code, result);
+            for (const auto& line : step.lines) {
+                const std::wstring text = rig.site.Expand(line.first);
+                EXPECT_TRUE(LineWith(text, line.second)) << "missing line: " << Narrow(text);
+            }
+            EXPECT_EQ(before, ReadAll(file)) << "the file changed although it could not be written";
+            Json::Value document;
+            EXPECT_TRUE(ReadSettingsFile(file, document));
+            const Switches now = ReadSwitches(rig.plugin.scan);
+            EXPECT_EQ(old.backup, now.backup);
+            EXPECT_EQ(old.hashChain, now.hashChain);
+            EXPECT_EQ(old.signatureInfo, now.signatureInfo);
+
+            // Once the file can be written again, the same change goes through and is kept.
+            if (step.code == 1013) {
+                EXPECT_EQ(0u, step.run(rig));
+                ASSERT_TRUE(ReadSettingsFile(file, document));
+                const Json::Value section = ModuleSection(document);
+                const Json::Value stored = section[step.name == std::string("EnableBackup") ? "enableBackup"
+                                                   : step.name == std::string("ReportHashChain") ? "reportHashChain"
+                                                                                                 : "reportSignatureInfo"];
+                EXPECT_EQ(Json::Value(true), stored.isObject() ? stored["enabled"] : stored);
+            }
+            rig.plugin.StopAll();
+            ExpectEverythingGivenBack(rig);
+            ++points;
+        }
+    }
+    printf("settings-file fault points: %d\n", points);
+}
+
+
+HANDLE Hold(const std::wstring& path) {
+    return CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+}
+
+TEST(FileFaults, SettingsFileLockedAtInitOnlyLosesTheFolderBookkeeping) {
+    Rig rig(Mode::Normal);
+    ASSERT_TRUE(rig.plugin.env.settings.SetDocument(Json::Value(Json::objectValue)));
+    HANDLE held = Hold(rig.site.settingsFile);
+    ASSERT_NE(INVALID_HANDLE_VALUE, held);
+    EXPECT_EQ(0u, rig.plugin.Init());
+    CloseHandle(held);
+    EXPECT_TRUE(LineWith(rig.site.Expand(L"Cannot save reload info [oldPath = ] [newPath = {engines}]"), 8));
+    Json::Value document;
+    ASSERT_TRUE(ReadSettingsFile(rig.site.settingsFile, document));
+    EXPECT_TRUE(ModuleSection(document).isNull());
+    rig.plugin.StopAll();
+    ExpectEverythingGivenBack(rig);
+}
+
+TEST(FileFaults, FilesTheStepsTouchBeingLockedOrUncreatable) {
+    {
+        SCOPED_TRACE("core temp folder below a plain file");
+        Rig rig(Mode::Normal);
+        const std::wstring blocker = rig.site.root + L"\\blocker";
+        ASSERT_TRUE(WriteBytes(blocker, "x"));
+        const std::wstring core = blocker + L"\\scansp";
+        rig.plugin.env.servConfig.SetText(17, L"scansp", core.c_str());
+        ASSERT_TRUE(rig.plugin.StartAll());
+        EXPECT_TRUE(LineWith(L"Cannot create core temp folder [path = " + core + L"]", 4));
+        EXPECT_TRUE(LineWith(L"Core temp folder not found [path = " + core + L"]", 32));
+        EXPECT_TRUE(Exists(rig.site.root + L"\\temp\\old.tmp")) << "nothing is cleaned without the folder";
+        rig.plugin.StopAll();
+        ExpectEverythingGivenBack(rig);
+    }
+    {
+        SCOPED_TRACE("core temp sibling held open");
+        Rig rig(Mode::Normal);
+        const std::wstring held = rig.site.root + L"\\temp\\held.tmp";
+        ASSERT_TRUE(WriteBytes(held, "busy"));
+        HANDLE h = Hold(held);
+        ASSERT_NE(INVALID_HANDLE_VALUE, h);
+        ASSERT_TRUE(rig.plugin.StartAll());
+        CloseHandle(h);
+        EXPECT_TRUE(Exists(held));
+        EXPECT_FALSE(Exists(rig.site.root + L"\\temp\\old.tmp"));
+        EXPECT_TRUE(Exists(rig.site.coreTemp));
+        rig.plugin.StopAll();
+    }
+    {
+        SCOPED_TRACE("update file held open while the statistics fail");
+        Rig rig(Mode::Normal);
+        rig.plugin.env.update.FailStatistics(1460);
+        const std::wstring file = rig.site.engines + L"\\Plugins\\update.txt";
+        ASSERT_EQ(0u, rig.plugin.Init());
+        HANDLE h = Hold(file);
+        ASSERT_NE(INVALID_HANDLE_VALUE, h);
+        qv::StringW version(L"stale");
+        uint64_t count = 7;
+        EXPECT_EQ(0u, GetEnginesVersion(rig.plugin.scan, &version));
+        EXPECT_EQ(0u, GetSignaturesCount(rig.plugin.scan, &count));
+        CloseHandle(h);
+        EXPECT_EQ(L"", std::wstring(version.c_str()));
+        EXPECT_EQ(0u, count);
+        EXPECT_TRUE(LineWith(L"Cannot obtain update statistics. [error = 1460]", 4));
+        // Readable again: the next query finds the empty cache and reads the file.
+        EXPECT_EQ(0u, GetEnginesVersion(rig.plugin.scan, &version));
+        EXPECT_EQ(L"9.9.9", std::wstring(version.c_str()));
+        rig.plugin.StopAll();
+    }
+    {
+        SCOPED_TRACE("read-only cache file in recovery");
+        Rig rig(Mode::Recovery);
+        const std::wstring m = rig.site.common + L"\\installer\\wslib.m";
+        SetFileAttributesW(m.c_str(), FILE_ATTRIBUTE_READONLY);
+        ASSERT_TRUE(rig.plugin.StartAll());
+        EXPECT_FALSE(Exists(rig.site.common + L"\\installer\\wslib.db"));
+        if (Exists(m)) {
+            EXPECT_TRUE(LineWith(L"Cannot delete file [error = 5] [path = " + m + L"]", 4));
+        }
+        EXPECT_EQ(1u, rig.plugin.env.update.Requests().size()) << "the sequence went on";
+        rig.plugin.StopAll();
+        ExpectEverythingGivenBack(rig);
+    }
+}
+
+} // namespace
