@@ -109,6 +109,8 @@ private:
     void UnInitScanMode();
 
     // Switches
+    template <class Field, class Notify>
+    DWORD ChangeReportingSwitch(const wchar_t* function, bool enabled, Field field, Notify notify);
     bool ApplyBackupStatus(bool status);
     uint32_t RefreshBackupStatus();
 

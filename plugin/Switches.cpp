@@ -62,29 +62,10 @@ DWORD AntivirusScanAL::IsBackupEnabled(bool* enabled) {
 
 DWORD AntivirusScanAL::ReportHashChain(const HashChainSettings& value) {
     QV_TRACE(L"AntivirusScanAL::ReportHashChain");
-    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        const HashChainSettings requested = value;
-        QV_LOG(LOG_SEV_INFO, L"[enabled = %d]", requested.enabled ? 1 : 0);
-        {
-            ScopedLock switching(switchLock);
-            ScopedLock lock(stateLock);
-            if (requested.enabled == settings.hashChain.enabled) {
-                // Rewritten anyway, so that the store always ends up holding the record.
-                SaveSettings(settings);
-                QV_LOG(LOG_SEV_INFO, L"already in this state");
-                return ERROR_SUCCESS;
-            }
-            AntivirusScanSettings changed = settings;
-            changed.hashChain = requested;
-            if (!SaveSettings(changed)) {
-                QV_LOG(LOG_SEV_ERROR, L"save failed");
-                return ERROR_CANTWRITE;
-            }
-            settings = changed;
-        }
-        hashChainSettingsChanged.Fire(requested);
-        return ERROR_SUCCESS;
-    });
+    const bool enabled = value.enabled;
+    return ChangeReportingSwitch(qvFunctionName_, enabled, [](AntivirusScanSettings& record) -> bool& {
+        return record.hashChain.enabled;
+    }, [&] { hashChainSettingsChanged.Fire(HashChainSettings{enabled}); });
 }
 
 DWORD AntivirusScanAL::GetHashChainSettings(HashChainSettings* value) {
@@ -96,25 +77,34 @@ DWORD AntivirusScanAL::GetHashChainSettings(HashChainSettings* value) {
 
 DWORD AntivirusScanAL::ReportSignatureInfo(bool enabled) {
     QV_TRACE(L"AntivirusScanAL::ReportSignatureInfo");
-    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        QV_LOG(LOG_SEV_INFO, L"[enabled = %d]", enabled ? 1 : 0);
+    return ChangeReportingSwitch(qvFunctionName_, enabled, [](AntivirusScanSettings& record) -> bool& {
+        return record.reportSignatureInfo;
+    }, [&] { signatureInfoReportingChanged.Fire(enabled); });
+}
+
+// The reporting switches differ from backup on purpose: an unchanged value is written to the
+// store again, so that the store always ends up holding the whole record.
+template <class Field, class Notify>
+DWORD AntivirusScanAL::ChangeReportingSwitch(const wchar_t* function, bool enabled, Field field, Notify notify) {
+    return GuardedSlot(function, [&]() -> DWORD {
+        WriteMessage(LOG_SEV_INFO, function, L"[enabled = %d]", enabled ? 1 : 0);
         {
             ScopedLock switching(switchLock);
             ScopedLock lock(stateLock);
-            if (enabled == settings.reportSignatureInfo) {
+            if (enabled == field(settings)) {
                 SaveSettings(settings);
-                QV_LOG(LOG_SEV_INFO, L"already in this state");
+                WriteMessage(LOG_SEV_INFO, function, L"already in this state");
                 return ERROR_SUCCESS;
             }
             AntivirusScanSettings changed = settings;
-            changed.reportSignatureInfo = enabled;
+            field(changed) = enabled;
             if (!SaveSettings(changed)) {
-                QV_LOG(LOG_SEV_ERROR, L"save failed");
+                WriteMessage(LOG_SEV_ERROR, function, L"save failed");
                 return ERROR_CANTWRITE;
             }
             settings = changed;
         }
-        signatureInfoReportingChanged.Fire(enabled);
+        notify();
         return ERROR_SUCCESS;
     });
 }
