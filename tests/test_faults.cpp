@@ -1,13 +1,8 @@
-// Every call the plug-in makes into a sibling plug-in, failed in turn. A scenario (Init, Start,
-// DelayedStart, a remote-scan event, an "Antivirus" installation, each switch, Stop, UnInit) is
-// run once to learn which calls each step makes; then, for every one of those calls, a fresh
-// plug-in runs the scenario with that single call failing. Each fault must give its documented
-// result code and log line, must not crash or hang, must leave no lock held and no plug-in or
-// settings section unreturned after UnInit, and must leave the settings file valid JSON in which
-// every key holds its old value or the new one. The second half fails the file system instead:
-// the settings file read-only or locked, and the files the plug-in creates or deletes locked.
+// Every call the plug-in makes into a sibling plug-in, failed in turn in a fresh plug-in: the
+// documented code and log line, no crash, no lock held, everything handed back, and a settings
+// file in which every key holds its old value or the new one. Then file-system faults.
 #include "tests/common/FaultInjection.h"
-#include "tests/common/ScanSlots.h"
+#include "tests/common/LogAndFileChecks.h"
 #include "tests/common/ThreadProbe.h"
 
 #include <gtest/gtest.h>
@@ -26,13 +21,6 @@ namespace ids = qv::kxsdk::ids;
 const wchar_t* const kAllPlugins[] = {ids::kServConfigName, ids::kSettingsName, ids::kUpdateName,
                                       ids::kRemoteScanName, ids::kCtcName,      ids::kScanSpName,
                                       ids::kTelemetryName};
-
-std::string Narrow(const std::wstring& s) {
-    std::string out;
-    for (wchar_t c : s) out += c < 128 ? static_cast<char>(c) : '?';
-    return out;
-}
-
 
 // The folders and files of one installation, under a fresh temporary folder.
 struct Installation {
@@ -165,16 +153,6 @@ Golden RunGolden(Mode mode) {
     return golden;
 }
 
-
-// The sweep relies on a scenario that makes the same calls in the same order every time.
-TEST(FaultSites, ScenarioMakesTheSameCallsEveryRun) {
-    for (Mode mode : {Mode::Normal, Mode::Recovery}) {
-        Golden first = RunGolden(mode), second = RunGolden(mode);
-        EXPECT_EQ(first.results, second.results);
-        EXPECT_EQ(first.sites, second.sites);
-        for (DWORD result : first.results) EXPECT_TRUE(result == 0 || (mode == Mode::Recovery && result == 1359));
-    }
-}
 
 // What a failed call must lead to: the step's result and the log lines it writes.
 struct Outcome {
@@ -524,110 +502,61 @@ TEST(SiblingFaults, EveryCallOfARecoveryStartUpFailedInTurn) {
     EXPECT_GE(points, 50);
 }
 
-} // namespace
-
-namespace {
-
-std::string ReadAll(const std::wstring& path) {
-    std::string bytes;
-    HANDLE h = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                           OPEN_EXISTING, 0, nullptr);
-    if (h == INVALID_HANDLE_VALUE) return "<missing>";
-    char buffer[4096];
-    DWORD got = 0;
-    while (ReadFile(h, buffer, sizeof buffer, &got, nullptr) && got) bytes.append(buffer, got);
-    CloseHandle(h);
-    return bytes;
-}
-
-// Something that keeps the settings file from being replaced, and takes itself away again.
-struct FileBlock {
-    const char* name;
-    std::function<HANDLE(const std::wstring&)> apply;  // a handle to close afterwards, or null
-    std::function<void(const std::wstring&)> lift;
-};
-
-std::vector<FileBlock> Blocks() {
-    auto noLift = [](const std::wstring&) {};
-    auto opened = [](DWORD share) {
-        return [share](const std::wstring& path) {
-            return CreateFileW(path.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr);
-        };
-    };
-    return {
-        {"read-only",
-         [](const std::wstring& path) {
-             SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY);
-             return static_cast<HANDLE>(nullptr);
-         },
-         [](const std::wstring& path) { SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL); }},
-        {"open without sharing", opened(0), noLift},
-        {"open for reading by another", opened(FILE_SHARE_READ), noLift},
-    };
-}
-
-struct BlockedStep {
-    const char* name;
-    std::function<DWORD(Rig&)> run;
-    DWORD code;
-    std::vector<std::pair<std::wstring, uint32_t>> lines;
-};
-
+// The settings file cannot be replaced (read-only, held without sharing, held for reading)
+// during each write: the documented code and line, the file unchanged, the record unchanged; once
+// writable again the same change goes through.
 TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
-    const std::vector<BlockedStep> steps = {
-        {"EnableBackup", [](Rig& r) { return EnableBackup(r.plugin.scan, true); }, 1013, {{L"save failed", 4}}},
-        {"ReportHashChain", [](Rig& r) { return ReportHashChain(r.plugin.scan, true); }, 1013, {{L"save failed", 4}}},
-        {"ReportSignatureInfo", [](Rig& r) { return ReportSignatureInfo(r.plugin.scan, true); }, 1013,
-         {{L"save failed", 4}}},
-        {"SetFeatureStatus", [](Rig& r) { return SetFeatureStatus(r.plugin.scan, qv::StringW(L"Scan"), false); }, 0,
-         {{L"[name = Scan] [isLocked = 0]", 32}}},
-        {"OnComponentInstalled",
-         [](Rig& r) {
-             return r.plugin.env.update.DeliverComponentInstalled(L"Updater", L"Antivirus", r.site.engines.c_str());
-         },
-         0,
-         {{L"Cannot save reload info [lastOk = {engines}]", 8},
-          {L"Cannot save reload info [oldPath = {engines}] [newPath = {engines}]", 8}}},
+    struct BlockedStep {
+        const char* name;
+        std::function<DWORD(Rig&)> run;
+        DWORD code;
+        std::vector<std::wstring> lines;  // severity 4 for 1013, else 8 or 32 as written
+        const char* key;
     };
+    const std::vector<BlockedStep> steps = {
+        {"EnableBackup", [](Rig& r) { return EnableBackup(r.plugin.scan, true); }, 1013, {L"save failed"}, "enableBackup"},
+        {"ReportHashChain", [](Rig& r) { return ReportHashChain(r.plugin.scan, true); }, 1013, {L"save failed"},
+         "reportHashChain"},
+        {"ReportSignatureInfo", [](Rig& r) { return ReportSignatureInfo(r.plugin.scan, true); }, 1013,
+         {L"save failed"}, "reportSignatureInfo"},
+        {"SetFeatureStatus", [](Rig& r) { return SetFeatureStatus(r.plugin.scan, qv::StringW(L"Scan"), false); }, 0,
+         {L"[name = Scan] [isLocked = 0]"}, nullptr},
+        {"OnComponentInstalled",
+         [](Rig& r) { return r.plugin.env.update.DeliverComponentInstalled(L"U", L"Antivirus", r.site.engines.c_str()); },
+         0, {L"Cannot save reload info [lastOk = {engines}]", L"Cannot save reload info [oldPath = {engines}] [newPath = {engines}]"},
+         nullptr},
+    };
+    const DWORD shares[] = {MAXDWORD /* read-only attribute */, 0, FILE_SHARE_READ};
     int points = 0;
-    for (const FileBlock& block : Blocks()) {
+    for (DWORD share : shares) {
         for (const BlockedStep& step : steps) {
-            SCOPED_TRACE(std::string(block.name) + " during " + step.name);
+            SCOPED_TRACE(std::string(step.name) + " with block " + std::to_string(share));
             Rig rig(Mode::Normal);
             ASSERT_TRUE(rig.plugin.StartAll());
-            // One write first, so that the file exists with every key.
-            ASSERT_EQ(0u, ReportSignatureInfo(rig.plugin.scan, false));
+            ASSERT_EQ(0u, ReportSignatureInfo(rig.plugin.scan, false));  // the file now holds every key
             const std::wstring& file = rig.site.settingsFile;
-            const std::string before = ReadAll(file);
+            const std::string before = ReadBytes(file);
             const Switches old = ReadSwitches(rig.plugin.scan);
-
             avhost::ClearCapturedLines();
-            HANDLE held = block.apply(file);
+            HANDLE held = INVALID_HANDLE_VALUE;
+            if (share == MAXDWORD) SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
+            else held = CreateFileW(file.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr);
             const DWORD result = step.run(rig);
-            if (held && held != INVALID_HANDLE_VALUE) CloseHandle(held);
-            block.lift(file);
+            if (held != INVALID_HANDLE_VALUE) CloseHandle(held);
+            SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
 
             EXPECT_EQ(step.code, result);
-            for (const auto& line : step.lines) {
-                const std::wstring text = rig.site.Expand(line.first);
-                EXPECT_TRUE(LineWith(text, line.second)) << "missing line: " << Narrow(text);
-            }
-            EXPECT_EQ(before, ReadAll(file)) << "the file changed although it could not be written";
-            Json::Value document;
-            EXPECT_TRUE(ReadSettingsFile(file, document));
+            for (const std::wstring& line : step.lines)
+                EXPECT_TRUE(avhost::Contains(rig.site.Expand(line))) << "missing line: " << Narrow(rig.site.Expand(line));
+            EXPECT_EQ(before, ReadBytes(file)) << "the file changed although it could not be written";
             const Switches now = ReadSwitches(rig.plugin.scan);
-            EXPECT_EQ(old.backup, now.backup);
-            EXPECT_EQ(old.hashChain, now.hashChain);
-            EXPECT_EQ(old.signatureInfo, now.signatureInfo);
-
-            // Once the file can be written again, the same change goes through and is kept.
-            if (step.code == 1013) {
+            EXPECT_TRUE(old.backup == now.backup && old.hashChain == now.hashChain &&
+                        old.signatureInfo == now.signatureInfo);
+            if (step.key) {
                 EXPECT_EQ(0u, step.run(rig));
+                Json::Value document;
                 ASSERT_TRUE(ReadSettingsFile(file, document));
-                const Json::Value section = ModuleSection(document);
-                const Json::Value stored = section[step.name == std::string("EnableBackup") ? "enableBackup"
-                                                   : step.name == std::string("ReportHashChain") ? "reportHashChain"
-                                                                                                 : "reportSignatureInfo"];
+                const Json::Value stored = ModuleSection(document)[step.key];
                 EXPECT_EQ(Json::Value(true), stored.isObject() ? stored["enabled"] : stored);
             }
             rig.plugin.StopAll();
@@ -638,15 +567,10 @@ TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
     printf("settings-file fault points: %d\n", points);
 }
 
-
-HANDLE Hold(const std::wstring& path) {
-    return CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-}
-
 TEST(FileFaults, SettingsFileLockedAtInitOnlyLosesTheFolderBookkeeping) {
     Rig rig(Mode::Normal);
     ASSERT_TRUE(rig.plugin.env.settings.SetDocument(Json::Value(Json::objectValue)));
-    HANDLE held = Hold(rig.site.settingsFile);
+    HANDLE held = HoldOpen(rig.site.settingsFile);
     ASSERT_NE(INVALID_HANDLE_VALUE, held);
     EXPECT_EQ(0u, rig.plugin.Init());
     CloseHandle(held);
@@ -658,70 +582,75 @@ TEST(FileFaults, SettingsFileLockedAtInitOnlyLosesTheFolderBookkeeping) {
     ExpectEverythingGivenBack(rig);
 }
 
+// Files the steps touch: each case prepares, starts everything, and checks its lines.
 TEST(FileFaults, FilesTheStepsTouchBeingLockedOrUncreatable) {
-    {
-        SCOPED_TRACE("core temp folder below a plain file");
-        Rig rig(Mode::Normal);
-        const std::wstring blocker = rig.site.root + L"\\blocker";
-        ASSERT_TRUE(WriteBytes(blocker, "x"));
-        const std::wstring core = blocker + L"\\scansp";
-        rig.plugin.env.servConfig.SetText(17, L"scansp", core.c_str());
+    struct Case {
+        const char* name;
+        Mode mode;
+        std::function<HANDLE(Rig&)> prepare;  // a handle to close after the start-up, or INVALID_HANDLE_VALUE
+        std::function<void(Rig&)> check;
+    };
+    const Case cases[] = {
+        {"core temp folder below a plain file", Mode::Normal,
+         [](Rig& r) {
+             WriteBytes(r.site.root + L"\\blocker", "x");
+             r.plugin.env.servConfig.SetText(17, L"scansp", (r.site.root + L"\\blocker\\scansp").c_str());
+             return INVALID_HANDLE_VALUE;
+         },
+         [](Rig& r) {
+             const std::wstring core = r.site.root + L"\\blocker\\scansp";
+             EXPECT_TRUE(LineWith(L"Cannot create core temp folder [path = " + core + L"]", 4));
+             EXPECT_TRUE(LineWith(L"Core temp folder not found [path = " + core + L"]", 32));
+             EXPECT_TRUE(Exists(r.site.root + L"\\temp\\old.tmp"));
+         }},
+        {"core temp sibling held open", Mode::Normal,
+         [](Rig& r) {
+             WriteBytes(r.site.root + L"\\temp\\held.tmp", "busy");
+             return HoldOpen(r.site.root + L"\\temp\\held.tmp");
+         },
+         [](Rig& r) {
+             EXPECT_TRUE(Exists(r.site.root + L"\\temp\\held.tmp"));
+             EXPECT_FALSE(Exists(r.site.root + L"\\temp\\old.tmp"));
+         }},
+        {"read-only cache file in recovery", Mode::Recovery,
+         [](Rig& r) {
+             SetFileAttributesW((r.site.common + L"\\installer\\wslib.m").c_str(), FILE_ATTRIBUTE_READONLY);
+             return INVALID_HANDLE_VALUE;
+         },
+         [](Rig& r) {
+             const std::wstring m = r.site.common + L"\\installer\\wslib.m";
+             EXPECT_FALSE(Exists(r.site.common + L"\\installer\\wslib.db"));
+             if (Exists(m)) {
+                 EXPECT_TRUE(LineWith(L"Cannot delete file [error = 5] [path = " + m + L"]", 4));
+             }
+             EXPECT_EQ(1u, r.plugin.env.update.Requests().size()) << "the sequence went on";
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Rig rig(c.mode);
+        HANDLE held = c.prepare(rig);
         ASSERT_TRUE(rig.plugin.StartAll());
-        EXPECT_TRUE(LineWith(L"Cannot create core temp folder [path = " + core + L"]", 4));
-        EXPECT_TRUE(LineWith(L"Core temp folder not found [path = " + core + L"]", 32));
-        EXPECT_TRUE(Exists(rig.site.root + L"\\temp\\old.tmp")) << "nothing is cleaned without the folder";
+        if (held != INVALID_HANDLE_VALUE) CloseHandle(held);
+        c.check(rig);
         rig.plugin.StopAll();
         ExpectEverythingGivenBack(rig);
     }
-    {
-        SCOPED_TRACE("core temp sibling held open");
-        Rig rig(Mode::Normal);
-        const std::wstring held = rig.site.root + L"\\temp\\held.tmp";
-        ASSERT_TRUE(WriteBytes(held, "busy"));
-        HANDLE h = Hold(held);
-        ASSERT_NE(INVALID_HANDLE_VALUE, h);
-        ASSERT_TRUE(rig.plugin.StartAll());
-        CloseHandle(h);
-        EXPECT_TRUE(Exists(held));
-        EXPECT_FALSE(Exists(rig.site.root + L"\\temp\\old.tmp"));
-        EXPECT_TRUE(Exists(rig.site.coreTemp));
-        rig.plugin.StopAll();
-    }
-    {
-        SCOPED_TRACE("update file held open while the statistics fail");
-        Rig rig(Mode::Normal);
-        rig.plugin.env.update.FailStatistics(1460);
-        const std::wstring file = rig.site.engines + L"\\Plugins\\update.txt";
-        ASSERT_EQ(0u, rig.plugin.Init());
-        HANDLE h = Hold(file);
-        ASSERT_NE(INVALID_HANDLE_VALUE, h);
-        qv::StringW version(L"stale");
-        uint64_t count = 7;
-        EXPECT_EQ(0u, GetEnginesVersion(rig.plugin.scan, &version));
-        EXPECT_EQ(0u, GetSignaturesCount(rig.plugin.scan, &count));
-        CloseHandle(h);
-        EXPECT_EQ(L"", std::wstring(version.c_str()));
-        EXPECT_EQ(0u, count);
-        EXPECT_TRUE(LineWith(L"Cannot obtain update statistics. [error = 1460]", 4));
-        // Readable again: the next query finds the empty cache and reads the file.
-        EXPECT_EQ(0u, GetEnginesVersion(rig.plugin.scan, &version));
-        EXPECT_EQ(L"9.9.9", std::wstring(version.c_str()));
-        rig.plugin.StopAll();
-    }
-    {
-        SCOPED_TRACE("read-only cache file in recovery");
-        Rig rig(Mode::Recovery);
-        const std::wstring m = rig.site.common + L"\\installer\\wslib.m";
-        SetFileAttributesW(m.c_str(), FILE_ATTRIBUTE_READONLY);
-        ASSERT_TRUE(rig.plugin.StartAll());
-        EXPECT_FALSE(Exists(rig.site.common + L"\\installer\\wslib.db"));
-        if (Exists(m)) {
-            EXPECT_TRUE(LineWith(L"Cannot delete file [error = 5] [path = " + m + L"]", 4));
-        }
-        EXPECT_EQ(1u, rig.plugin.env.update.Requests().size()) << "the sequence went on";
-        rig.plugin.StopAll();
-        ExpectEverythingGivenBack(rig);
-    }
+
+    // The update file held open while the update plug-in fails: empty answers, then the file.
+    Rig rig(Mode::Normal);
+    rig.plugin.env.update.FailStatistics(1460);
+    ASSERT_EQ(0u, rig.plugin.Init());
+    HANDLE h = HoldOpen(rig.site.engines + L"\\Plugins\\update.txt");
+    ASSERT_NE(INVALID_HANDLE_VALUE, h);
+    qv::StringW version(L"stale");
+    EXPECT_EQ(0u, GetEnginesVersion(rig.plugin.scan, &version));
+    CloseHandle(h);
+    EXPECT_EQ(L"", std::wstring(version.c_str()));
+    EXPECT_TRUE(LineWith(L"Cannot obtain update statistics. [error = 1460]", 4));
+    EXPECT_EQ(0u, GetEnginesVersion(rig.plugin.scan, &version));
+    EXPECT_EQ(L"9.9.9", std::wstring(version.c_str()));
+    rig.plugin.StopAll();
 }
 
 } // namespace

@@ -1,7 +1,5 @@
 #include "tests/common/ChildProcess.h"
 
-#include <string>
-
 namespace testing_support {
 
 ChildMode::ChildMode(const char* name, void (*routine)()) {
@@ -15,15 +13,14 @@ ChildMode::ChildMode(const char* name, void (*routine)()) {
     ExitProcess(0);
 }
 
-DWORD RunChild(const char* name, DWORD timeoutMs) {
-    wchar_t exe[MAX_PATH];
-    GetModuleFileNameW(nullptr, exe, MAX_PATH);
-    std::wstring command = L"\"" + std::wstring(exe) + L"\" --child=";
-    for (const char* p = name; *p; ++p) command += static_cast<wchar_t>(*p);
+DWORD RunProgram(const std::wstring& program, const std::wstring& arguments, const wchar_t* folder,
+                 DWORD timeoutMs) {
+    std::wstring command = L"\"" + program + L"\" " + arguments;
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process{};
-    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
+    if (!CreateProcessW(program.c_str(), &command[0], nullptr, nullptr, FALSE, 0, nullptr, folder, &startup,
+                        &process)) {
         return 0xFFFFFFFF;
     }
     DWORD code = 0xFFFFFFFF;
@@ -31,10 +28,20 @@ DWORD RunChild(const char* name, DWORD timeoutMs) {
         GetExitCodeProcess(process.hProcess, &code);
     } else {
         TerminateProcess(process.hProcess, 0xFFFFFFFF);
+        WaitForSingleObject(process.hProcess, 10000);
+        code = 0xFFFFFFFF;
     }
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
     return code;
+}
+
+DWORD RunChild(const char* name, DWORD timeoutMs) {
+    wchar_t exe[MAX_PATH];
+    GetModuleFileNameW(nullptr, exe, MAX_PATH);
+    std::wstring argument = L"--child=";
+    for (const char* p = name; *p; ++p) argument += static_cast<wchar_t>(*p);
+    return RunProgram(exe, argument, nullptr, timeoutMs);
 }
 
 } // namespace testing_support

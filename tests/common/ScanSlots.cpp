@@ -2,6 +2,10 @@
 
 #include "host/SettingsFile.h"
 
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
 namespace testing_support { namespace slots {
 
 bool ReadSettingsFile(const std::wstring& path, Json::Value& document) {
@@ -59,6 +63,76 @@ void RemoveFolder(const std::wstring& path) {
         FindClose(find);
     }
     RemoveDirectoryW(path.c_str());
+}
+
+bool BackupOf(void* scan) {
+    bool on = false;
+    EXPECT_EQ(0u, IsBackupEnabled(scan, &on));
+    return on;
+}
+bool HashChainOf(void* scan) {
+    HashChainSettings settings{false};
+    EXPECT_EQ(0u, GetHashChainSettings(scan, &settings));
+    return settings.enabled;
+}
+bool SignatureInfoOf(void* scan) {
+    bool on = false;
+    EXPECT_EQ(0u, IsSignatureInfoReported(scan, &on));
+    return on;
+}
+bool FeatureLocked(void* scan, const wchar_t* name) {
+    bool locked = false;
+    EXPECT_EQ(0u, GetFeatureStatus(scan, qv::StringW(name), &locked));
+    return locked;
+}
+
+Json::Value WithSection(const Json::Value& section) {
+    Json::Value document(Json::objectValue);
+    document["/AntivirusScan"] = section;
+    return document;
+}
+
+int CountOf(const std::wstring& text) {
+    int count = 0;
+    for (const auto& line : avhost::CapturedLines()) count += line.text == text ? 1 : 0;
+    return count;
+}
+
+std::wstring LineAfter(const std::wstring& prefix) {
+    for (const auto& line : avhost::CapturedLines()) {
+        if (line.text.compare(0, prefix.size(), prefix) == 0) return line.text.substr(prefix.size());
+    }
+    return L"<none>";
+}
+
+bool LineIn(const std::wstring& text, uint32_t severity, const std::wstring& function) {
+    for (const auto& line : avhost::CapturedLines()) {
+        if (line.text == text && line.severity == severity && line.function == function) return true;
+    }
+    return false;
+}
+
+std::vector<std::wstring> HostileTexts() {
+    const size_t mib = 1u << 20;
+    return {std::wstring(mib, L'a'), L"C:\\" + std::wstring(mib, L'x'),
+            L"\xD83D\xDE00 face \xD800\xDF48 gothic", L"name\xD800", L"\xDC00name", L"\xDE00\xD83D",
+            L"%s%s%s%d%n%ls", L"", L" ", L"\\", L"C:"};
+}
+
+std::string Describe(const std::wstring& text) {
+    std::string out = "text of " + std::to_string(text.size()) + " units:";
+    for (size_t i = 0; i < text.size() && i < 12; ++i) out += " " + std::to_string(static_cast<unsigned>(text[i]));
+    return out;
+}
+
+DWORD EndIfStuck(DWORD result) {
+    if (result != WAIT_TIMEOUT) return result;
+    const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::fprintf(stderr, "FAILED: %s: a notification did not return in time\n", test ? test->name() : "?");
+    std::fflush(stdout);
+    std::fflush(stderr);
+    TerminateProcess(GetCurrentProcess(), 3);
+    return result;
 }
 
 }} // namespace testing_support::slots

@@ -6,6 +6,7 @@
 #include <json/json.h>
 
 #include <string>
+#include <vector>
 
 namespace testing_support { namespace slots {
 
@@ -99,5 +100,31 @@ bool Exists(const std::wstring& path);
 // Removes a test's own folder with everything in it, read-only entries included; links are
 // removed as entries, never walked into.
 void RemoveFolder(const std::wstring& path);
+
+// Readers of the switches and locks through their slots; each expects its slot to succeed.
+bool BackupOf(void* scan);
+bool HashChainOf(void* scan);
+bool SignatureInfoOf(void* scan);
+bool FeatureLocked(void* scan, const wchar_t* name);
+
+// A settings document holding `section` as the module's section.
+Json::Value WithSection(const Json::Value& section);
+
+// Captured-log queries beyond LineWith: number of lines with this text; the rest of the first
+// line starting with `prefix` ("<none>" if none); a line of this text, severity and function.
+int CountOf(const std::wstring& text);
+std::wstring LineAfter(const std::wstring& prefix);
+bool LineIn(const std::wstring& text, uint32_t severity, const std::wstring& function);
+
+// Texts that are hard on wide-string code: 1 MiB, non-BMP, lone and reversed surrogates,
+// format directives, empty, roots. Describe() names one briefly for a failure message.
+std::vector<std::wstring> HostileTexts();
+std::string Describe(const std::wstring& text);
+
+// A host-side notification waits at most this long; one still stuck after it would keep the
+// program from ending (the host waits for its notification threads), so EndIfStuck ends the
+// program as a failure on WAIT_TIMEOUT and passes every other result through.
+constexpr DWORD kFireTimeoutMs = 30000;
+DWORD EndIfStuck(DWORD result);
 
 }} // namespace testing_support::slots
