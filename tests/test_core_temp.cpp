@@ -95,7 +95,9 @@ TEST_F(CoreTemp, LinksAmongTheSiblingsNeverTakeTheirTargetsWithThem) {
     ExpectCleaned(true);
     EXPECT_TRUE(Exists(core + L"\\own-link"));
     // Under Wine no call removes a link to a folder without reaching through it: it stays.
-    if (!OnWine()) EXPECT_FALSE(Exists(parent + L"\\linked"));
+    if (!OnWine()) {
+        EXPECT_FALSE(Exists(parent + L"\\linked"));
+    }
 }
 
 TEST(CrashHandler, BothOptionsAreSetWhateverTheFirstGives) {

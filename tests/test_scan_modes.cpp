@@ -114,12 +114,16 @@ TEST(ScanModeDecision, EveryRowThroughTheRemoteScanEvents) {
         for (const wchar_t* message : {kInvalid, kNoLocal, kNoneFallback, L"No fallback should be use."}) {
             const bool expected = row.message && wcscmp(message, row.message) == 0;
             EXPECT_EQ(expected ? 1 : 0, CountOf(message)) << Describe(message);
-            if (expected) EXPECT_TRUE(LineWith(message, row.severity));
+            if (expected) {
+                EXPECT_TRUE(LineWith(message, row.severity));
+            }
         }
         EXPECT_EQ(Answer(row.computed ? row.pair : row.startPair), ModesOf(plugin->scan));
         EXPECT_EQ(row.computed ? Events{Event(row.pair)} : Events{}, sink.Take());
         // Told on the remote-scan plug-in's notification thread.
-        if (row.computed) EXPECT_EQ(plugin->env.remoteScan.Fires().back().threadId, sink.scanThread);
+        if (row.computed) {
+            EXPECT_EQ(plugin->env.remoteScan.Fires().back().threadId, sink.scanThread);
+        }
         plugin->StopAll();  // the object, which still holds the sink, goes first
         plugin.reset();
     }
