@@ -116,35 +116,17 @@ bool ReplaceLinkToFile(const StringW& path, const StringW& expected) {
     return false;
 }
 
-// Marks the file an open handle names for deletion when the handle is closed; a read-only
-// file loses that attribute first, as a failed DeleteFileW would be retried.
-bool MarkForDeletion(HANDLE h) {
-    FILE_DISPOSITION_INFO disposition{TRUE};
-    if (SetFileInformationByHandle(h, FileDispositionInfo, &disposition, sizeof disposition)) return true;
-    if (GetLastError() != ERROR_ACCESS_DENIED) return false;
-    FILE_BASIC_INFO basic;
-    if (!GetFileInformationByHandleEx(h, FileBasicInfo, &basic, sizeof basic)) return false;
-    if (!(basic.FileAttributes & FILE_ATTRIBUTE_READONLY)) return false;
-    // Zero times leave the times as they are; zero attributes would too, hence NORMAL.
-    basic.CreationTime.QuadPart = basic.LastAccessTime.QuadPart = 0;
-    basic.LastWriteTime.QuadPart = basic.ChangeTime.QuadPart = 0;
-    basic.FileAttributes &= ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
-    if (basic.FileAttributes == 0) basic.FileAttributes = FILE_ATTRIBUTE_NORMAL;
-    if (!SetFileInformationByHandle(h, FileBasicInfo, &basic, sizeof basic)) return false;
-    return SetFileInformationByHandle(h, FileDispositionInfo, &disposition, sizeof disposition) != FALSE;
-}
-
 // A plain file is checked and deleted through one handle: what is deleted is exactly what was
-// found to name itself, and the file is opened once instead of twice (on a platform that
+// found to name itself, and the file is opened once rather than twice (on a platform that
 // resolves links the check costs a request to the system for every file, so the delete must
-// not cost another).
+// not cost another). A read-only file refuses the deletion here and goes the way by name.
 bool DeleteCheckedFile(const StringW& path, const StringW& expected) {
-    HANDLE h = OpenEntry(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES);
-    if (h == INVALID_HANDLE_VALUE && GetLastError() == ERROR_ACCESS_DENIED)
-        h = OpenEntry(path, DELETE | FILE_READ_ATTRIBUTES);
+    HANDLE h = OpenEntry(path, DELETE | FILE_READ_ATTRIBUTES);
     if (h == INVALID_HANDLE_VALUE) return false;
     StringW real;
-    const bool deleted = HandleName(h, real) && SameText(real, expected) && MarkForDeletion(h);
+    FILE_DISPOSITION_INFO disposition{TRUE};
+    const bool deleted = HandleName(h, real) && SameText(real, expected) &&
+                         SetFileInformationByHandle(h, FileDispositionInfo, &disposition, sizeof disposition);
     CloseHandle(h);
     return deleted;
 }

@@ -1,0 +1,77 @@
+#pragma once
+// Drives AntivirusScan.AL as the host does: LoadLibraryW, the two exports, and the faces' slots
+// by number. The host's sibling plug-ins come from host/ (host::HostEnvironment).
+#include "host/HostEnvironment.h"
+#include "sdk/IAntivirusScan.h"
+#include "sdk/PluginIds.h"
+
+#include <string>
+
+namespace bench {
+
+template <class R, class... Args> R CallSlot(void* object, int slot, Args... args) {
+    using Fn = R (*)(void*, Args...);
+    void** vtable = *static_cast<void***>(object);
+    return reinterpret_cast<Fn>(vtable[slot])(object, args...);
+}
+
+enum LifecycleSlot { kInit = 1, kUnInit = 2, kStart = 3, kStop = 4, kDelayedStart = 5 };
+enum ScanSlot {
+    kGetScanType = 6,
+    kGetScanModes = 7,
+    kEnableBackup = 8,
+    kIsBackupEnabled = 9,
+    kGetEnginesVersion = 10,
+    kGetSignaturesCount = 11,
+    kSetFeatureStatus = 12,
+    kGetFeatureStatus = 13,
+    kGetHashChainSettings = 15,
+    kIsSignatureInfoReported = 17,
+};
+constexpr int kOnComponentInstalledSlot = 7;  // of IUpdate::IEvents
+
+std::wstring ExeFolder();
+// A fresh folder under the temporary folder; removed by RemoveTree.
+std::wstring FreshFolder(const wchar_t* tag);
+// Plain recursive removal, for the benchmark's own clean-up.
+void RemoveTree(const std::wstring& path);
+
+class PluginModule {
+public:
+    PluginModule();
+    ~PluginModule();
+    PluginModule(const PluginModule&) = delete;
+    PluginModule& operator=(const PluginModule&) = delete;
+
+    bool Loaded() const { return module_ && create_ && destroy_; }
+    // The primary face, or null.
+    void* Create();
+    // The IAntivirusScan face of the same object (its reference is given back at once).
+    void* ScanFace();
+    void Destroy(void* primary);
+
+private:
+    using CreateFn = DWORD (*)(const wchar_t*, GUID, void**);
+    using DestroyFn = DWORD (*)(const wchar_t*, void*);
+    HMODULE module_ = nullptr;
+    CreateFn create_ = nullptr;
+    DestroyFn destroy_ = nullptr;
+};
+
+// Folders a realistic start-up touches: the core temp folder inside a parent of its own, the
+// engines folder with its plug-in folder, the signature folders and the common folder.
+struct Installation {
+    std::wstring root;
+    std::wstring coreTempParent;
+    std::wstring coreTemp;
+    std::wstring engines;
+    std::wstring common;
+
+    explicit Installation(const wchar_t* tag);
+    ~Installation();
+    Installation(const Installation&) = delete;
+    Installation& operator=(const Installation&) = delete;
+    void Configure(host::HostEnvironment& env) const;
+};
+
+} // namespace bench
