@@ -1,25 +1,6 @@
 #include "bench/common/PluginHost.h"
 
-#include <atomic>
-
 namespace bench {
-
-std::wstring ExeFolder() {
-    wchar_t path[MAX_PATH];
-    DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, n);
-    return folder.substr(0, folder.find_last_of(L'\\'));
-}
-
-std::wstring FreshFolder(const wchar_t* tag) {
-    static std::atomic<int> counter{0};
-    wchar_t temp[MAX_PATH];
-    GetTempPathW(MAX_PATH, temp);
-    std::wstring folder = std::wstring(temp) + L"avbench-" + tag + L"-" + std::to_wstring(GetCurrentProcessId()) +
-                          L"-" + std::to_wstring(counter++);
-    CreateDirectoryW(folder.c_str(), nullptr);
-    return folder;
-}
 
 void RemoveTree(const std::wstring& path) {
     WIN32_FIND_DATAW entry;
@@ -39,32 +20,20 @@ void RemoveTree(const std::wstring& path) {
     RemoveDirectoryW(path.c_str());
 }
 
-PluginModule::PluginModule() {
-    module_ = LoadLibraryW((ExeFolder() + L"\\AntivirusScan.AL").c_str());
-    if (!module_) return;
-    create_ = reinterpret_cast<CreateFn>(reinterpret_cast<void*>(GetProcAddress(module_, "QvCreateObject")));
-    destroy_ = reinterpret_cast<DestroyFn>(reinterpret_cast<void*>(GetProcAddress(module_, "QvDestroyObject")));
-}
-
-PluginModule::~PluginModule() {
-    if (module_) FreeLibrary(module_);
-}
-
 void* PluginModule::Create() {
     void* object = nullptr;
-    if (create_(qv::kxsdk::ids::kAntivirusScanObjectName, qv::kxsdk::ids::kPrimaryFaceId, &object) != 0) return nullptr;
+    if (library_.Create(qv::kxsdk::ids::kPrimaryFaceId, &object) != 0) return nullptr;
     return object;
 }
 
 void* PluginModule::ScanFace() {
     void* face = nullptr;
-    if (create_(qv::kxsdk::ids::kAntivirusScanObjectName, qv::kxsdk::ids::kAntivirusScanFaceId, &face) != 0)
-        return nullptr;
-    destroy_(qv::kxsdk::ids::kAntivirusScanObjectName, face);
+    if (library_.Create(qv::kxsdk::ids::kAntivirusScanFaceId, &face) != 0) return nullptr;
+    library_.Destroy(face);
     return face;
 }
 
-void PluginModule::Destroy(void* primary) { destroy_(qv::kxsdk::ids::kAntivirusScanObjectName, primary); }
+void PluginModule::Destroy(void* primary) { library_.Destroy(primary); }
 
 Installation::Installation(const wchar_t* tag) {
     root = FreshFolder(tag);

@@ -2,6 +2,7 @@
 // Drives AntivirusScan.AL as the host does: LoadLibraryW, the two exports, and the faces' slots
 // by number. The host's sibling plug-ins come from host/ (host::HostEnvironment).
 #include "host/HostEnvironment.h"
+#include "host/PluginLibrary.h"
 #include "sdk/IAntivirusScan.h"
 #include "sdk/PluginIds.h"
 
@@ -9,11 +10,8 @@
 
 namespace bench {
 
-template <class R, class... Args> R CallSlot(void* object, int slot, Args... args) {
-    using Fn = R (*)(void*, Args...);
-    void** vtable = *static_cast<void***>(object);
-    return reinterpret_cast<Fn>(vtable[slot])(object, args...);
-}
+using host::CallSlot;
+using host::ExeFolder;
 
 enum LifecycleSlot { kInit = 1, kUnInit = 2, kStart = 3, kStop = 4, kDelayedStart = 5 };
 enum ScanSlot {
@@ -30,20 +28,18 @@ enum ScanSlot {
 };
 constexpr int kOnComponentInstalledSlot = 7;  // of IUpdate::IEvents
 
-std::wstring ExeFolder();
 // A fresh folder under the temporary folder; removed by RemoveTree.
-std::wstring FreshFolder(const wchar_t* tag);
+inline std::wstring FreshFolder(const wchar_t* tag) { return host::FreshFolder(L"avbench-", tag); }
 // Plain recursive removal, for the benchmark's own clean-up.
 void RemoveTree(const std::wstring& path);
 
 class PluginModule {
 public:
-    PluginModule();
-    ~PluginModule();
+    PluginModule() = default;
     PluginModule(const PluginModule&) = delete;
     PluginModule& operator=(const PluginModule&) = delete;
 
-    bool Loaded() const { return module_ && create_ && destroy_; }
+    bool Loaded() const { return library_.Loaded(); }
     // The primary face, or null.
     void* Create();
     // The IAntivirusScan face of the same object (its reference is given back at once).
@@ -51,11 +47,7 @@ public:
     void Destroy(void* primary);
 
 private:
-    using CreateFn = DWORD (*)(const wchar_t*, GUID, void**);
-    using DestroyFn = DWORD (*)(const wchar_t*, void*);
-    HMODULE module_ = nullptr;
-    CreateFn create_ = nullptr;
-    DestroyFn destroy_ = nullptr;
+    host::PluginLibrary library_;
 };
 
 // Folders a realistic start-up touches: the core temp folder inside a parent of its own, the

@@ -3,6 +3,7 @@
 // through vtable slot numbers, so that a reordered interface fails the tests.
 #include "host/HostEnvironment.h"
 #include "host/LogCapture.h"
+#include "host/PluginLibrary.h"
 #include "sdk/IAntivirusScan.h"
 #include "sdk/PluginIds.h"
 
@@ -10,34 +11,14 @@
 
 namespace testing_support {
 
-using CreateFn = DWORD (*)(const wchar_t*, GUID, void**);
-using DestroyFn = DWORD (*)(const wchar_t*, void*);
+using host::CallSlot;
+using host::CreateFn;
+using host::DestroyFn;
+using host::ExeFolder;
+using host::PluginLibrary;
 
-// Calls virtual slot `slot` of `object` with `args`; the x64 calling convention passes `this`
-// first, as for a free function.
-template <class R, class... Args> R CallSlot(void* object, int slot, Args... args) {
-    using Fn = R (*)(void*, Args...);
-    void** vtable = *static_cast<void***>(object);
-    return reinterpret_cast<Fn>(vtable[slot])(object, args...);
-}
-
-std::wstring ExeFolder();
-std::wstring TempFolder(const wchar_t* tag);  // a fresh, empty folder for one test
-
-class PluginLibrary {
-public:
-    explicit PluginLibrary(const std::wstring& path = L"");  // default: beside the test exe
-    ~PluginLibrary();
-    bool Loaded() const { return module_ != nullptr; }
-    void Unload();
-    DWORD Create(const GUID& id, void** out, const wchar_t* name = qv::kxsdk::ids::kAntivirusScanObjectName);
-    void Destroy(void* object, const wchar_t* name = qv::kxsdk::ids::kAntivirusScanObjectName);
-    CreateFn create = nullptr;
-    DestroyFn destroy = nullptr;
-
-private:
-    HMODULE module_ = nullptr;
-};
+// A fresh, empty folder for one test.
+inline std::wstring TempFolder(const wchar_t* tag) { return host::FreshFolder(L"avscan-", tag); }
 
 // Lifecycle slots of the primary face.
 enum LifecycleSlot { kQueryInterface = 0, kInit = 1, kUnInit = 2, kStart = 3, kStop = 4, kDelayedStart = 5 };
