@@ -52,11 +52,7 @@ void AntivirusScanAL::RemoveNonRemoteScanPlugins() {
         if (!PathFileExistsW(path.c_str())) continue;
         // A link (the file's or the "Plugins" folder's) leads out of the engines folder: what it
         // points to is not ours to delete.
-        // The check compares real names, so it gets the name without the trailing blank that the
-        // file system drops ("nnml.cvd " is the file nnml.cvd).
-        size_t length = path.Length();
-        while (length && path[length - 1] == L' ') --length;
-        if (!file::StaysWithin(engines.c_str(), StringW(path.c_str(), length).c_str())) {
+        if (!file::StaysWithin(engines.c_str(), path.c_str())) {
             QV_LOG(LOG_SEV_WARNING, L"Link not followed, file kept [path = %s]", path.c_str());
             continue;
         }
