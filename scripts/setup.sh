@@ -13,7 +13,7 @@ done
 if [ "${#need_pkgs[@]}" -gt 0 ]; then
   echo "setup: installing ${need_pkgs[*]}"
   apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${need_pkgs[@]}"
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${need_pkgs[@]}"
 fi
 
 mkdir -p "$DEPS"
