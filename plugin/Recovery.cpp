@@ -39,10 +39,6 @@ StringW AntivirusScanAL::GetCommonFolder() {
 bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
     QV_TRACE(L"AntivirusScanAL::RecoveryStep_InvalidateCache");
     const StringW common = GetCommonFolder();
-    StringW commonRoot = common;
-    size_t rootLength = commonRoot.Length();
-    while (rootLength && (commonRoot[rootLength - 1] == L'\\' || commonRoot[rootLength - 1] == L'/')) --rootLength;
-    commonRoot.SetLength(rootLength);
     struct CacheFile {
         const wchar_t* name;
         const wchar_t* message;
@@ -56,7 +52,7 @@ bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
         if (!PathFileExistsW(path.c_str())) continue;
         // A link planted in the cache's place leads out of the common folder: where it points
         // is not ours to delete.
-        if (!file::StaysWithin(commonRoot.c_str(), path.c_str())) {
+        if (!file::StaysWithin(common.c_str(), path.c_str())) {
             QV_LOG(LOG_SEV_WARNING, L"Link not followed, file kept [path = %s]", path.c_str());
             continue;
         }

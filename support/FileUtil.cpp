@@ -285,7 +285,10 @@ bool DeleteFolderTree(const wchar_t* path) {
 bool StaysWithin(const wchar_t* base, const wchar_t* path) {
     if (!base || !path || !*base || TooLong(base) || TooLong(path)) return false;
     StringW root(base), full(path);
-    RemoveBackslash(root);
+    // The base may be given with a trailing separator of either kind; a drive root keeps its own.
+    size_t rootLength = root.Length();
+    while (rootLength > 1 && IsSeparator(root[rootLength - 1]) && !(rootLength == 3 && root[1] == L':')) --rootLength;
+    root.SetLength(rootLength);
     // Windows drops trailing blanks and dots of a path's last element when it opens it.
     size_t length = full.Length();
     while (length && (full[length - 1] == L' ' || full[length - 1] == L'.')) --length;
