@@ -500,7 +500,7 @@ void ReloadRow(PluginModule& module) {
     options.batchSeconds = 0.02;
     options.repetitions = 15;
     Comparison c = Compare(
-        [&] { CallSlot<DWORD>(events, kOnComponentInstalledSlot, infoPtr, engines.c_str()); },
+        [&] { CallSlot<DWORD>(events, kOnComponentInstalled, infoPtr, engines.c_str()); },
         [&] {
             plugin.env.scanSp.ReloadEngines();
             IKXSettingsSection* section = plugin.env.settings.OpenSection(L"/AntivirusScan", 0, 0, 0);
@@ -515,7 +515,7 @@ void ReloadRow(PluginModule& module) {
     // Where the time goes: the siblings' share of one call, over a few more calls.
     constexpr int kCalls = 200;
     plugin.clock.Reset();
-    for (int i = 0; i < kCalls; ++i) CallSlot<DWORD>(events, kOnComponentInstalledSlot, infoPtr, engines.c_str());
+    for (int i = 0; i < kCalls; ++i) CallSlot<DWORD>(events, kOnComponentInstalled, infoPtr, engines.c_str());
     const SiblingTotals siblings = plugin.clock.All();
     // Two of the follow-up steps measured alone, for the note: the core temp folder's parent
     // listed once, and the working-set trim.

@@ -13,20 +13,7 @@ namespace bench {
 using host::CallSlot;
 using host::ExeFolder;
 
-enum LifecycleSlot { kInit = 1, kUnInit = 2, kStart = 3, kStop = 4, kDelayedStart = 5 };
-enum ScanSlot {
-    kGetScanType = 6,
-    kGetScanModes = 7,
-    kEnableBackup = 8,
-    kIsBackupEnabled = 9,
-    kGetEnginesVersion = 10,
-    kGetSignaturesCount = 11,
-    kSetFeatureStatus = 12,
-    kGetFeatureStatus = 13,
-    kGetHashChainSettings = 15,
-    kIsSignatureInfoReported = 17,
-};
-constexpr int kOnComponentInstalledSlot = 7;  // of IUpdate::IEvents
+using namespace host::slots;
 
 // A fresh folder under the temporary folder; removed by RemoveTree.
 inline std::wstring FreshFolder(const wchar_t* tag) { return host::FreshFolder(L"avbench-", tag); }

@@ -20,8 +20,8 @@ using host::PluginLibrary;
 // A fresh, empty folder for one test.
 inline std::wstring TempFolder(const wchar_t* tag) { return host::FreshFolder(L"avscan-", tag); }
 
-// Lifecycle slots of the primary face.
-enum LifecycleSlot { kQueryInterface = 0, kInit = 1, kUnInit = 2, kStart = 3, kStop = 4, kDelayedStart = 5 };
+// Slot numbers of the faces (lifecycle and IAntivirusScan).
+using namespace host::slots;
 
 // One created plug-in object with both faces, and the host environment it runs in.
 struct PluginUnderTest {

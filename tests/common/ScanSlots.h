@@ -15,26 +15,6 @@ using qv::kxsdk::AntivirusScan::IAntivirusScan;
 using qv::kxsdk::AntivirusScan::ScanMode;
 using qv::kxsdk::AntivirusScan::ScanType;
 
-enum Slot {
-    kRegisterEnginesEvents = 0,
-    kRegisterScanEvents = 1,
-    kRegisterSettingsEvents = 2,
-    kUnregisterEnginesEvents = 3,
-    kUnregisterScanEvents = 4,
-    kUnregisterSettingsEvents = 5,
-    kGetScanType = 6,
-    kGetScanModes = 7,
-    kEnableBackup = 8,
-    kIsBackupEnabled = 9,
-    kGetEnginesVersion = 10,
-    kGetSignaturesCount = 11,
-    kSetFeatureStatus = 12,
-    kGetFeatureStatus = 13,
-    kReportHashChain = 14,
-    kGetHashChainSettings = 15,
-    kReportSignatureInfo = 16,
-    kIsSignatureInfoReported = 17,
-};
 
 inline DWORD RegisterEngines(void* scan, IAntivirusScan::IEnginesEvents* s) {
     return CallSlot<DWORD>(scan, kRegisterEnginesEvents, s);
