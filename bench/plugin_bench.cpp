@@ -31,9 +31,13 @@ struct StartedPlugin {
     SiblingClock clock;
     TimedSiblings timedSiblings{env, clock};
 
-    // With timed, the plug-in meets its siblings through the timing stand-ins.
-    StartedPlugin(PluginModule& m, const wchar_t* tag, bool timed = false) : module(m), installation(tag) {
+    // With timed, the plug-in meets its siblings through the timing stand-ins; prepare changes
+    // the configured host before the plug-in starts.
+    StartedPlugin(PluginModule& m, const wchar_t* tag, bool timed = false,
+                  void (*prepare)(host::HostEnvironment&) = nullptr)
+        : module(m), installation(tag) {
         installation.Configure(env);
+        if (prepare) prepare(env);
         primary = module.Create();
         scan = module.ScanFace();
         IQvHost* hostObject = timed ? timedSiblings.Host() : static_cast<IQvHost*>(&env.host);
@@ -600,9 +604,38 @@ void StartupRow(PluginModule& module) {
     Emit(row);
 }
 
+// What the guard on every use of a sibling plug-in adds to operations that reach a sibling: the
+// same calls into a copy of the plug-in built without the guard, loaded beside it.
+void GuardRows(PluginModule& module) {
+    Progress("sibling-use guard");
+    const char* what = "Sibling-use guard";
+    PluginModule bare(host::ExeFolder() + L"\\AntivirusScanUnguarded.AL");
+    if (!bare.Loaded()) return Emit(FailedRow(what, "AntivirusScanUnguarded.AL not found beside the program"));
+    // A count of 0 is never cached: every query asks the update plug-in again.
+    auto zeroCount = [](host::HostEnvironment& env) { env.update.SetStatistic(L"Antivirus", L"1.0", 0); };
+    StartedPlugin guarded(module, L"guarded", false, zeroCount), unguarded(bare, L"unguarded", false, zeroCount);
+    if (!guarded.started || !unguarded.started) return Emit(FailedRow(what, "the plug-in did not start"));
+
+    uint64_t count = 0;
+    Comparison signatures = Compare(
+        [&] { Keep(CallSlot<DWORD>(guarded.scan, kGetSignaturesCount, &count)); Keep(count); },
+        [&] { Keep(CallSlot<DWORD>(unguarded.scan, kGetSignaturesCount, &count)); Keep(count); });
+    Emit(RatioRow("GetSignaturesCount with an empty cache, guarded", signatures, 1.1,
+                  "Baseline: the same call into the plug-in built without the guard; each call asks the update "
+                  "plug-in for its statistics."));
+
+    bool guardedOn = false, unguardedOn = false;
+    Comparison backup = Compare(
+        [&] { guardedOn = !guardedOn; Keep(CallSlot<DWORD>(guarded.scan, kEnableBackup, guardedOn)); },
+        [&] { unguardedOn = !unguardedOn; Keep(CallSlot<DWORD>(unguarded.scan, kEnableBackup, unguardedOn)); });
+    Emit(RatioRow("EnableBackup, alternating values, guarded", backup, 1.1,
+                  "Baseline: the same call into the plug-in built without the guard; each call writes the settings "
+                  "store and sets the scan provider's option."));
+}
+
 } // namespace
 
-// With arguments, only the named groups run: queries, threads, clean, reload, startup.
+// With arguments, only the named groups run: queries, threads, guard, clean, reload, startup.
 int main(int argc, char** argv) {
     auto wanted = [&](const char* group) {
         if (argc < 2) return true;
@@ -626,6 +659,7 @@ int main(int argc, char** argv) {
         if (wanted("queries")) QueryRows(plugin);
         if (wanted("threads")) ThreadRow(plugin);
     }
+    if (wanted("guard")) GuardRows(module);
     if (wanted("clean")) CleanRow(module);
     if (wanted("reload")) ReloadRow(module);
     if (wanted("startup")) StartupRow(module);

@@ -2,11 +2,12 @@
 
 namespace host {
 
-void ComponentManager::Offer(const wchar_t* name, const GUID& id, void* plugin) {
+void ComponentManager::Offer(const wchar_t* name, const GUID& id, void* plugin, ServedPlugin* served) {
     std::lock_guard<std::mutex> lock(mutex_);
     Entry& e = entries_[name];
     e.id = id;
     e.plugin = plugin;
+    e.served = served;
     e.mode = Mode::Present;
 }
 
@@ -50,6 +51,12 @@ int ComponentManager::Outstanding(const wchar_t* name) const {
 void ComponentManager::ResetCounts() {
     std::lock_guard<std::mutex> lock(mutex_);
     for (auto& kv : entries_) kv.second.counts = Counts{};
+    journal_.clear();
+}
+
+std::vector<ComponentManager::JournalEntry> ComponentManager::Journal() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return journal_;
 }
 
 DWORD ComponentManager::GetPlugin(const wchar_t* name, const GUID* interfaceId, void** plugin) {
@@ -59,18 +66,22 @@ DWORD ComponentManager::GetPlugin(const wchar_t* name, const GUID* interfaceId, 
     if (it == entries_.end()) return ERROR_NOT_FOUND;
     Entry& e = it->second;
     ++e.counts.attempts;
-    switch (e.mode) {
-    case Mode::Missing:
-        return ERROR_NOT_FOUND;
-    case Mode::Refusing:
+    DWORD result = ERROR_SUCCESS;
+    if (e.mode == Mode::Missing) {
+        result = ERROR_NOT_FOUND;
+    } else if (e.mode == Mode::Refusing) {
+        // Written anyway, the interface is in use as if served: the plug-in may call it.
         if (e.writeAnyway) *plugin = e.plugin;
-        return e.refuseCode;
-    case Mode::Present:
-        break;
+        if (e.writeAnyway && e.served) e.served->OnGet();
+        result = e.refuseCode;
+    } else if (!qv::SameInterfaceId(*interfaceId, e.id) || !e.plugin) {
+        result = ERROR_NOT_FOUND;
     }
-    if (!qv::SameInterfaceId(*interfaceId, e.id) || !e.plugin) return ERROR_NOT_FOUND;
+    journal_.push_back(JournalEntry{result == ERROR_SUCCESS ? JournalEntry::Get : JournalEntry::Refused, name});
+    if (result != ERROR_SUCCESS) return result;
     *plugin = e.plugin;
     ++e.counts.gets;
+    if (e.served) e.served->OnGet();
     return ERROR_SUCCESS;
 }
 
@@ -80,6 +91,8 @@ DWORD ComponentManager::ReleasePlugin(const wchar_t* name) {
     auto it = entries_.find(name);
     if (it == entries_.end()) return ERROR_NOT_FOUND;
     ++it->second.counts.releases;
+    journal_.push_back(JournalEntry{JournalEntry::Release, name});
+    if (it->second.served) it->second.served->OnRelease();
     return ERROR_SUCCESS;
 }
 

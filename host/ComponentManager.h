@@ -1,12 +1,14 @@
 #pragma once
 // The host's component manager: serves sibling plug-ins by name and interface id. Each plug-in
-// can be made present, missing, or refusing with a given code, and gets and releases are
-// counted per name so that a leaked or doubly released plug-in shows.
+// can be made present, missing, or refusing with a given code; gets and releases are counted per
+// name and journaled in order, so that a leaked, doubly released or out-of-order plug-in shows.
+#include "host/ServedPlugin.h"
 #include "sdk/QvBase.h"
 
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace host {
 
@@ -18,8 +20,15 @@ public:
         int releases = 0;
     };
 
-    // Offers a plug-in under a name and id; replaces an earlier offer of the name.
-    void Offer(const wchar_t* name, const GUID& id, void* plugin);
+    struct JournalEntry {
+        enum Kind { Get, Refused, Release } kind;
+        std::wstring name;
+        bool operator==(const JournalEntry& other) const { return kind == other.kind && name == other.name; }
+    };
+
+    // Offers a plug-in under a name and id; replaces an earlier offer of the name. With served,
+    // the plug-in is told when it is held and handed back.
+    void Offer(const wchar_t* name, const GUID& id, void* plugin, ServedPlugin* served = nullptr);
     // The name is not served (error 1168) until offered again or restored.
     void SetMissing(const wchar_t* name);
     // The name is refused with this code; with writeAnyway the interface is still written out.
@@ -31,6 +40,8 @@ public:
     bool Balanced() const;
     int Outstanding(const wchar_t* name) const;
     void ResetCounts();
+    // Every get, refused get and release, in the order they were made (cleared by ResetCounts).
+    std::vector<JournalEntry> Journal() const;
 
     DWORD GetPlugin(const wchar_t* name, const GUID* interfaceId, void** plugin) override;
     DWORD ReleasePlugin(const wchar_t* name) override;
@@ -40,6 +51,7 @@ private:
     struct Entry {
         GUID id{};
         void* plugin = nullptr;
+        ServedPlugin* served = nullptr;
         Mode mode = Mode::Present;
         DWORD refuseCode = 0;
         bool writeAnyway = false;
@@ -47,6 +59,7 @@ private:
     };
     mutable std::mutex mutex_;
     std::map<std::wstring, Entry> entries_;
+    std::vector<JournalEntry> journal_;
 };
 
 // The host object handed to Init: slot 1 yields the component manager.

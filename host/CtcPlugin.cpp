@@ -3,6 +3,7 @@
 namespace host {
 
 DWORD CtcPlugin::GetStatus(uint32_t* status) {
+    ServedPlugin::Call call(served);
     ++queries_;
     if (!status) return ERROR_INVALID_PARAMETER;
     *status = 0;

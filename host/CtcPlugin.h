@@ -1,5 +1,6 @@
 #pragma once
 // The CTC update plug-in ("ctc"): held by the scan module, never asked anything in earnest.
+#include "host/ServedPlugin.h"
 #include "sdk/ICtcUpdate.h"
 
 #include <atomic>
@@ -8,6 +9,7 @@ namespace host {
 
 class CtcPlugin : public ICtcUpdate {
 public:
+    ServedPlugin served;  // held and handed back by the component manager
     int StatusQueries() const { return queries_.load(); }
     DWORD GetStatus(uint32_t* status) override;
 

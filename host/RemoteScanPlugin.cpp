@@ -56,6 +56,7 @@ std::vector<RemoteScanPlugin::FireRecord> RemoteScanPlugin::Fires() const {
 }
 
 DWORD RemoteScanPlugin::GetStatus(bool* enabled) {
+    ServedPlugin::Call call(served);
     if (!enabled) return ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(mutex_);
     ++counts_.statusQueries;
@@ -64,6 +65,7 @@ DWORD RemoteScanPlugin::GetStatus(bool* enabled) {
 }
 
 DWORD RemoteScanPlugin::GetServerCount(uint32_t* count) {
+    ServedPlugin::Call call(served);
     if (!count) return ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(mutex_);
     ++counts_.serverCountQueries;
@@ -72,6 +74,7 @@ DWORD RemoteScanPlugin::GetServerCount(uint32_t* count) {
 }
 
 DWORD RemoteScanPlugin::GetFallbackMode(uint32_t* mode) {
+    ServedPlugin::Call call(served);
     if (!mode) return ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(mutex_);
     ++counts_.fallbackQueries;
@@ -80,6 +83,7 @@ DWORD RemoteScanPlugin::GetFallbackMode(uint32_t* mode) {
 }
 
 DWORD RemoteScanPlugin::RegisterEvents(IEvents* sink, uint32_t reserved) {
+    ServedPlugin::Call call(served);
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.registers;
@@ -94,6 +98,7 @@ DWORD RemoteScanPlugin::RegisterEvents(IEvents* sink, uint32_t reserved) {
 }
 
 DWORD RemoteScanPlugin::UnregisterEvents(IEvents* sink, uint32_t reserved) {
+    ServedPlugin::Call call(served);
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.unregisters;

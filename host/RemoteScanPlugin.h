@@ -1,6 +1,7 @@
 #pragma once
 // The remote-scan plug-in ("AntivirusScan.Remote") as the host serves it: its state is set by the
 // host, and its three notifications are delivered to the registered sinks on a thread of their own.
+#include "host/ServedPlugin.h"
 #include "host/NotifyThreads.h"
 #include "sdk/IRemoteScan.h"
 
@@ -11,6 +12,7 @@ namespace host {
 
 class RemoteScanPlugin : public qv::kxsdk::AntivirusScan::IRemoteScan {
 public:
+    ServedPlugin served;  // held and handed back by the component manager
     struct Counts {
         int statusQueries = 0;
         int serverCountQueries = 0;  // the third query, between status and fallback mode

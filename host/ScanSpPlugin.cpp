@@ -51,6 +51,7 @@ std::vector<DWORD> ScanSpPlugin::ReloadThreads() const {
 }
 
 DWORD ScanSpPlugin::SetOption(uint32_t option, uint32_t reserved, const void* value, uint32_t size) {
+    ServedPlugin::Call call(served);
     try {
         OptionRecord record{option, reserved, 0, size, value == nullptr, 0};
         if (value && size >= sizeof(uint32_t)) memcpy(&record.value, value, sizeof(uint32_t));
@@ -66,6 +67,7 @@ DWORD ScanSpPlugin::SetOption(uint32_t option, uint32_t reserved, const void* va
 }
 
 DWORD ScanSpPlugin::ReloadEngines() {
+    ServedPlugin::Call call(served);
     ReloadHandler handler;
     DWORD result = 0;
     try {
@@ -86,6 +88,7 @@ DWORD ScanSpPlugin::ReloadEngines() {
 }
 
 DWORD ScanSpPlugin::GetInterface(const GUID& interfaceId, void** object) {
+    ServedPlugin::Call call(served);
     if (!object) return ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(mutex_);
     ++counts_.getInterfaces;
@@ -106,6 +109,7 @@ DWORD ScanSpPlugin::GetInterface(const GUID& interfaceId, void** object) {
 }
 
 void ScanSpPlugin::ReleaseInterface(void* object) {
+    ServedPlugin::Call call(served);
     std::lock_guard<std::mutex> lock(mutex_);
     ++counts_.releaseInterfaces;
     if (object == static_cast<IScanCrashHandler*>(&crashHandler_)) --handedOut_;

@@ -1,6 +1,7 @@
 #pragma once
 // The scan service provider ("scansp") as the host serves it: options recorded, engine reloads
 // counted and answered as configured, and its crash-handler face handed out by id.
+#include "host/ServedPlugin.h"
 #include "host/ScanCrashHandler.h"
 #include "sdk/IScanSp.h"
 
@@ -13,6 +14,7 @@ namespace host {
 
 class ScanSpPlugin : public IScanSp {
 public:
+    ServedPlugin served;  // held and handed back by the component manager
     struct Counts {
         int setOptions = 0;
         int reloads = 0;

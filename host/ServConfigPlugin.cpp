@@ -38,6 +38,7 @@ int ServConfigPlugin::QueryCount(int32_t category, const wchar_t* name) const {
 }
 
 const wchar_t* ServConfigPlugin::GetText(int32_t category, const wchar_t* name) {
+    ServedPlugin::Call call(served);
     if (!name) return nullptr;
     try {
         std::lock_guard<std::mutex> lock(mutex_);

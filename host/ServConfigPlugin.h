@@ -2,6 +2,7 @@
 // The service configuration plug-in ("productinfo") as the host serves it: texts by
 // (category, name), set by whoever builds the host. A text handed out stays readable for the
 // life of the plug-in, even when it is replaced or cleared later.
+#include "host/ServedPlugin.h"
 #include "sdk/IServConfig.h"
 
 #include <deque>
@@ -15,6 +16,7 @@ namespace host {
 
 class ServConfigPlugin : public IServConfig {
 public:
+    ServedPlugin served;  // held and handed back by the component manager
     using Query = std::pair<int32_t, std::wstring>;
 
     // A null text clears the entry.

@@ -9,6 +9,7 @@ SettingsSection::SettingsSection(SettingsStore* store, const wchar_t* path)
     : store_(store), path_(path), pathUtf8_(settingsfile::ToUtf8(path)) {}
 
 bool SettingsSection::GetValue(const wchar_t* key, Json::Value& out) {
+    ServedPlugin::Call call(store_->served);
     try {
         Json::Value found;
         if (!store_->GetEntry(pathUtf8_, key, found)) return false;
@@ -20,6 +21,7 @@ bool SettingsSection::GetValue(const wchar_t* key, Json::Value& out) {
 }
 
 bool SettingsSection::GetBool(const wchar_t* key, bool& out) {
+    ServedPlugin::Call call(store_->served);
     try {
         Json::Value found;
         if (!store_->GetEntry(pathUtf8_, key, found) || !found.isBool()) return false;
@@ -31,6 +33,7 @@ bool SettingsSection::GetBool(const wchar_t* key, bool& out) {
 }
 
 bool SettingsSection::GetUInt(const wchar_t* key, uint32_t& out) {
+    ServedPlugin::Call call(store_->served);
     try {
         Json::Value found;
         if (!store_->GetEntry(pathUtf8_, key, found)) return false;
@@ -45,6 +48,7 @@ bool SettingsSection::GetUInt(const wchar_t* key, uint32_t& out) {
 }
 
 bool SettingsSection::GetString(const wchar_t* key, std::string& out) {
+    ServedPlugin::Call call(store_->served);
     try {
         Json::Value found;
         if (!store_->GetEntry(pathUtf8_, key, found) || !found.isString()) return false;
@@ -56,6 +60,7 @@ bool SettingsSection::GetString(const wchar_t* key, std::string& out) {
 }
 
 bool SettingsSection::SetValue(const wchar_t* key, const Json::Value& value) {
+    ServedPlugin::Call call(store_->served);
     try {
         return store_->SetEntry(path_, key, value);
     } catch (...) {
@@ -64,6 +69,7 @@ bool SettingsSection::SetValue(const wchar_t* key, const Json::Value& value) {
 }
 
 bool SettingsSection::SetBool(const wchar_t* key, bool value) {
+    ServedPlugin::Call call(store_->served);
     try {
         return store_->SetEntry(path_, key, Json::Value(value));
     } catch (...) {
@@ -72,6 +78,7 @@ bool SettingsSection::SetBool(const wchar_t* key, bool value) {
 }
 
 bool SettingsSection::SetUInt(const wchar_t* key, uint32_t value) {
+    ServedPlugin::Call call(store_->served);
     try {
         return store_->SetEntry(path_, key, Json::Value(static_cast<Json::UInt>(value)));
     } catch (...) {
@@ -80,6 +87,7 @@ bool SettingsSection::SetUInt(const wchar_t* key, uint32_t value) {
 }
 
 bool SettingsSection::SetString(const wchar_t* key, const wchar_t* value) {
+    ServedPlugin::Call call(store_->served);
     if (!value) return false;
     try {
         return store_->SetEntry(path_, key, Json::Value(settingsfile::ToUtf8(value)));
@@ -89,6 +97,7 @@ bool SettingsSection::SetString(const wchar_t* key, const wchar_t* value) {
 }
 
 void SettingsSection::Release() {
+    ServedPlugin::Call call(store_->served);
     store_->SectionReleased();
     delete this;
 }

@@ -141,6 +141,7 @@ std::vector<std::wstring> SettingsStore::OpenedPaths() const {
 }
 
 IKXSettingsSection* SettingsStore::OpenSection(const wchar_t* path, uint32_t, uint32_t, uint32_t) {
+    ServedPlugin::Call call(served);
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!path || !*path || refuseOpen_ || refuseNext_ > 0) {

@@ -2,6 +2,7 @@
 // The settings store ("KXSettings"): one JSON object {"<section path>": {...}} kept in memory
 // and, when bound to a file, written durably to that file on every set. A missing file starts
 // empty; an unreadable or non-object file starts empty too and is reported, never fatal.
+#include "host/ServedPlugin.h"
 #include "sdk/IKXSettings.h"
 
 #include <json/json.h>
@@ -14,6 +15,7 @@ namespace host {
 
 class SettingsStore : public IKXSettings {
 public:
+    ServedPlugin served;  // held and handed back by the component manager
     struct Counts {
         int opens = 0;         // sections handed out
         int refusedOpens = 0;  // OpenSection calls answered with null

@@ -42,6 +42,7 @@ void TelemetryPlugin::Clear() {
 }
 
 DWORD TelemetryPlugin::SubmitEvent(const Json::Value& event, int32_t flags) {
+    ServedPlugin::Call call(served);
     try {
         EventRecord record{event, flags, GetCurrentThreadId()};
         std::lock_guard<std::mutex> lock(mutex_);

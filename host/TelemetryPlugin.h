@@ -1,6 +1,7 @@
 #pragma once
 // The telemetry plug-in ("Product.Matrix"): keeps a copy of every submitted event and, when
 // given a file, appends each event to it as one JSON line.
+#include "host/ServedPlugin.h"
 #include "sdk/ITelemetry.h"
 
 #include <json/json.h>
@@ -13,6 +14,7 @@ namespace host {
 
 class TelemetryPlugin : public Telemetry::ITelemetry {
 public:
+    ServedPlugin served;  // held and handed back by the component manager
     struct EventRecord {
         Json::Value event;
         int32_t flags = 0;

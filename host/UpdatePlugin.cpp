@@ -97,6 +97,7 @@ std::vector<UpdatePlugin::DeliveryRecord> UpdatePlugin::Deliveries() const {
 }
 
 DWORD UpdatePlugin::GetStatistics(Statistics* statistics) {
+    ServedPlugin::Call call(served);
     if (!statistics) return ERROR_INVALID_PARAMETER;
     try {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -117,6 +118,7 @@ DWORD UpdatePlugin::GetStatistics(Statistics* statistics) {
 }
 
 DWORD UpdatePlugin::GetUpdateSettings(UpdateSettings* settings) {
+    ServedPlugin::Call call(served);
     if (!settings) return ERROR_INVALID_PARAMETER;
     try {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -130,6 +132,7 @@ DWORD UpdatePlugin::GetUpdateSettings(UpdateSettings* settings) {
 }
 
 DWORD UpdatePlugin::StartUpdate(const UpdateRequest& request, uint32_t* status) {
+    ServedPlugin::Call call(served);
     try {
         UpdateRequestRecord record = updaterecords::CopyRequest(request);
         std::lock_guard<std::mutex> lock(mutex_);
@@ -143,6 +146,7 @@ DWORD UpdatePlugin::StartUpdate(const UpdateRequest& request, uint32_t* status) 
 }
 
 DWORD UpdatePlugin::RestartService(uint32_t value, const wchar_t* serviceName) {
+    ServedPlugin::Call call(served);
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.restarts;
@@ -154,6 +158,7 @@ DWORD UpdatePlugin::RestartService(uint32_t value, const wchar_t* serviceName) {
 }
 
 DWORD UpdatePlugin::RegisterEvents(IEvents* sink, uint32_t reserved, const char* filter) {
+    ServedPlugin::Call call(served);
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.registers;
@@ -168,6 +173,7 @@ DWORD UpdatePlugin::RegisterEvents(IEvents* sink, uint32_t reserved, const char*
 }
 
 DWORD UpdatePlugin::UnregisterEvents(IEvents* sink, uint32_t reserved, const char* filter) {
+    ServedPlugin::Call call(served);
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.unregisters;
@@ -198,14 +204,13 @@ std::function<void()> UpdatePlugin::DeliveryJob(const wchar_t* updater, const wc
         BeforeDelivery hook;
         std::vector<IEvents*> sinks;
         {
+            // The sinks are decided first: one that unregisters from now on is still told, as
+            // with any plug-in that notifies outside its own lock.
             std::lock_guard<std::mutex> lock(mutex_);
             hook = beforeDelivery_;
-        }
-        if (hook) hook(updater, component, path);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
             sinks = sinks_;
         }
+        if (hook) hook(updater, component, path);
         ComponentInfo info{updater, component, nullptr};
         DWORD last = ERROR_NOT_FOUND;
         for (IEvents* sink : sinks) {

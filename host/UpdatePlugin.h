@@ -2,6 +2,7 @@
 // The update plug-in ("Update.UpdateAL") as the host serves it: statistics and update settings
 // set by the host, update and restart requests recorded, and component installations delivered
 // to the registered sinks on a notification thread of their own.
+#include "host/ServedPlugin.h"
 #include "host/NotifyThreads.h"
 #include "host/UpdateRecords.h"
 #include "sdk/IUpdate.h"
@@ -17,6 +18,7 @@ namespace host {
 
 class UpdatePlugin : public qv::kxsdk::Update::IUpdate {
 public:
+    ServedPlugin served;  // held and handed back by the component manager
     struct Counts {
         int statistics = 0;  // GetStatistics calls
         int settings = 0;    // GetUpdateSettings calls
@@ -44,7 +46,8 @@ public:
         DWORD threadId = 0;          // the notification thread
         std::vector<DWORD> results;  // one per sink, in registration order
     };
-    // Runs on the notification thread before the sinks are told; any argument may be null.
+    // Runs on the notification thread once the sinks to tell are decided, before any is told;
+    // any argument may be null.
     using BeforeDelivery = std::function<void(const wchar_t* updater, const wchar_t* component,
                                               const wchar_t* enginesPath)>;
 

@@ -8,6 +8,7 @@
 #include "support/SinkContainer.h"
 #include "support/StringT.h"
 
+#include <atomic>
 #include <vector>
 
 namespace qv {
@@ -146,7 +147,7 @@ private:
     using IEnginesEvents = IAntivirusScan::IEnginesEvents;
     using IScanEvents = IAntivirusScan::IScanEvents;
 
-    IQvHost* hostContext = nullptr;
+    std::atomic<IQvHost*> hostContext{nullptr};
     ServPlugin<IScanSp> scanSpPlugin{L"scansp"};
     ServPlugin<ICtcUpdate> ctcPlugin{L"ctc"};
     ServPlugin<IRemoteScan> remoteScanPlugin{L"AntivirusScan.Remote"};

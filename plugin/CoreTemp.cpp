@@ -11,7 +11,7 @@ using namespace logging;
 void AntivirusScanAL::InitCoreTempFolder() {
     QV_TRACE(L"AntivirusScanAL::InitCoreTempFolder");
     ScopedLock lock(stateLock);
-    if (!servConfigPlugin) return;
+    if (!servConfigPlugin.IsHeld()) return;
     StringW path = ConfigText(kxsdk::config::kCoreTempCategory, L"scansp");
     QV_LOG(LOG_SEV_INFO, L"Core temp %s", path.c_str());
     if (path.IsEmpty()) {
@@ -82,11 +82,12 @@ void AntivirusScanAL::CleanCoreTempFolder() {
 
 void AntivirusScanAL::DisableScanCrashHandler() {
     QV_TRACE(L"AntivirusScanAL::DisableScanCrashHandler");
-    if (!scanSpPlugin) return;
+    auto provider = scanSpPlugin.Acquire();
+    if (!provider) return;
     void* object = nullptr;
-    DWORD error = scanSpPlugin->GetInterface(kxsdk::scansp::kCrashHandlerId, &object);
+    DWORD error = provider->GetInterface(kxsdk::scansp::kCrashHandlerId, &object);
     if (error != 0) {
-        if (object) scanSpPlugin->ReleaseInterface(object);
+        if (object) provider->ReleaseInterface(object);
         return;
     }
     if (!object) return;
@@ -95,7 +96,7 @@ void AntivirusScanAL::DisableScanCrashHandler() {
     QV_LOG(LOG_SEV_INFO, L"SilentSubmitDump [error = %d]", static_cast<int>(error));
     error = handler->SetOption(kxsdk::scansp::kOptionSilentSubmitDefaultAction, 0);
     QV_LOG(LOG_SEV_INFO, L"SilentSubmitDefaultAct [error = %d]", static_cast<int>(error));
-    scanSpPlugin->ReleaseInterface(object);
+    provider->ReleaseInterface(object);
 }
 
 } // namespace qv

@@ -92,12 +92,16 @@ void AntivirusScanAL::ComputeSigInfo() {
 
 bool AntivirusScanAL::GetEnginesInfoFromUpdate(StringW& version, uint64_t& count) {
     QV_TRACE(L"AntivirusScanAL::GetEnginesInfoFromUpdate");
-    if (!updatePlugin) {
-        QV_LOG(LOG_SEV_ERROR, L"Update plugin unavailable.");
-        return false;
-    }
     IUpdate::Statistics statistics;
-    DWORD error = updatePlugin->GetStatistics(&statistics);
+    DWORD error;
+    {
+        auto update = updatePlugin.Acquire();
+        if (!update) {
+            QV_LOG(LOG_SEV_ERROR, L"Update plugin unavailable.");
+            return false;
+        }
+        error = update->GetStatistics(&statistics);
+    }
     if (error != 0) {
         QV_LOG(LOG_SEV_ERROR, L"Cannot obtain update statistics. [error = %d]", static_cast<int>(error));
         return false;

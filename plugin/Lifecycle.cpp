@@ -31,7 +31,8 @@ void* AntivirusScanAL::QueryInterface(const GUID& id) {
 }
 
 IComponentManager* AntivirusScanAL::ComponentManager() const {
-    return hostContext ? hostContext->GetComponentManager() : nullptr;
+    IQvHost* host = hostContext.load();
+    return host ? host->GetComponentManager() : nullptr;
 }
 
 DWORD AntivirusScanAL::Init(IQvHost* host) {
@@ -48,7 +49,7 @@ DWORD AntivirusScanAL::Init(IQvHost* host) {
 // Any non-zero result makes Init undo everything through UnInit.
 DWORD AntivirusScanAL::InitSteps(IQvHost* host) {
     QV_FUNCTION(L"AntivirusScanAL::Init");
-    hostContext = host;
+    hostContext.store(host);
     IComponentManager* manager = ComponentManager();
 
     if (!servConfigPlugin.GetPlugin(manager)) {
@@ -104,22 +105,23 @@ DWORD AntivirusScanAL::InitSteps(IQvHost* host) {
 DWORD AntivirusScanAL::Start() {
     QV_TRACE(L"AntivirusScanAL::Start");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        if (!updatePlugin || !settingsPlugin || !servConfigPlugin) {
+        if (!updatePlugin.IsHeld() || !settingsPlugin.IsHeld() || !servConfigPlugin.IsHeld()) {
             QV_LOG(LOG_SEV_ERROR, L"Dependency not found");
             return ERROR_DEPENDENCY_NOT_FOUND;
         }
-        if (scanType == kxsdk::AntivirusScan::RemoteOnly && !remoteScanPlugin) {
+        if (scanType == kxsdk::AntivirusScan::RemoteOnly && !remoteScanPlugin.IsHeld()) {
             QV_LOG(LOG_SEV_ERROR, L"Invalid remote scan configuration");
             return ERROR_INVALID_STATE;
         }
-        DWORD error = updatePlugin->RegisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
+        DWORD error = ERROR_DEPENDENCY_NOT_FOUND;
+        if (auto update = updatePlugin.Acquire()) error = update->RegisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
         if (error != 0) {
             QV_LOG(LOG_SEV_ERROR, L"Cannot register update events [error = %d]", static_cast<int>(error));
             Stop();
             return kErrorEventRegistrationRefused;
         }
-        if (remoteScanPlugin) {
-            error = remoteScanPlugin->RegisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
+        if (auto remote = remoteScanPlugin.Acquire()) {
+            error = remote->RegisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
             if (error != 0) {
                 QV_LOG(LOG_SEV_ERROR, L"Cannot register remote scan events [error = %d]", static_cast<int>(error));
                 Stop();
@@ -133,8 +135,8 @@ DWORD AntivirusScanAL::Start() {
 DWORD AntivirusScanAL::Stop() {
     QV_TRACE(L"AntivirusScanAL::Stop");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        if (updatePlugin) updatePlugin->UnregisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
-        if (remoteScanPlugin) remoteScanPlugin->UnregisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
+        if (auto update = updatePlugin.Acquire()) update->UnregisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
+        if (auto remote = remoteScanPlugin.Acquire()) remote->UnregisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
         return ERROR_SUCCESS;
     });
 }
@@ -144,13 +146,16 @@ DWORD AntivirusScanAL::UnInit() {
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         UnInitScanMode();
         UnInitSettings();
+        // Forgotten before the plug-ins go back, so that a recovery reload still running on the
+        // update plug-in's thread cannot get the scan provider again behind UnInit.
+        hostContext.store(nullptr);
+        // Each release waits for the calls still in flight into that plug-in.
         ctcPlugin.Release();
         remoteScanPlugin.Release();
         servConfigPlugin.Release();
         settingsPlugin.Release();
         updatePlugin.Release();
         scanSpPlugin.Release();
-        hostContext = nullptr;
         return ERROR_SUCCESS;
     });
 }

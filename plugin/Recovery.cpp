@@ -14,7 +14,7 @@ using namespace logging;
 DWORD AntivirusScanAL::DelayedStart() {
     QV_TRACE(L"AntivirusScanAL::DelayedStart");
     GuardedStep(qvFunctionName_, [&] { GenerateNonRemoteScanPlugins(); });
-    if (scanSpPlugin) {
+    if (scanSpPlugin.IsHeld()) {
         GuardedStep(qvFunctionName_, [&] { ComputeSigInfo(); });
         GuardedStep(qvFunctionName_, [&] { RefreshScanModes(); });
         GuardedStep(qvFunctionName_, [&] { CleanCoreTempFolder(); });
@@ -66,7 +66,7 @@ bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
 
 bool AntivirusScanAL::RecoveryStep_GenDummyMissingFiles() {
     QV_TRACE(L"AntivirusScanAL::RecoveryStep_GenDummyMissingFiles");
-    if (!servConfigPlugin) {
+    if (!servConfigPlugin.IsHeld()) {
         QV_LOG(LOG_SEV_ERROR, L"ServConfig required!");
         return false;
     }
@@ -103,9 +103,10 @@ bool AntivirusScanAL::GenerateDummyFile(const StringW& path) {
 
 bool AntivirusScanAL::RecoveryStep_StartUpdateSig() {
     QV_TRACE(L"AntivirusScanAL::RecoveryStep_StartUpdateSig");
-    if (!updatePlugin) return false;
+    auto update = updatePlugin.Acquire();
+    if (!update) return false;
     IUpdate::UpdateSettings current;
-    DWORD error = updatePlugin->GetUpdateSettings(&current);
+    DWORD error = update->GetUpdateSettings(&current);
     if (error != 0) {
         QV_LOG(LOG_SEV_ERROR, L"Failed to read the update settings [error = %d]", static_cast<int>(error));
         return false;
@@ -120,7 +121,7 @@ bool AntivirusScanAL::RecoveryStep_StartUpdateSig() {
     request.interactive = 0;
     request.signaturesOnly = 1;
     uint32_t status = 0;
-    error = updatePlugin->StartUpdate(request, &status);
+    error = update->StartUpdate(request, &status);
     if (error != 0) {
         QV_LOG(LOG_SEV_INFO, L"StartUpdate failed [error = %d] [status = %d]", static_cast<int>(error),
                static_cast<int>(status));
@@ -131,8 +132,9 @@ bool AntivirusScanAL::RecoveryStep_StartUpdateSig() {
 
 bool AntivirusScanAL::RecoveryStep_RestartService() {
     QV_TRACE(L"AntivirusScanAL::RecoveryStep_RestartService");
-    if (!updatePlugin) return false;
-    DWORD error = updatePlugin->RestartService(1, L"KXSecurityService");
+    auto update = updatePlugin.Acquire();
+    if (!update) return false;
+    DWORD error = update->RestartService(1, L"KXSecurityService");
     if (error != 0) {
         QV_LOG(LOG_SEV_ERROR, L"Restart service using Update failed [error = %d]", static_cast<int>(error));
         return false;

@@ -53,12 +53,15 @@ DWORD AntivirusScanAL::OnComponentInstalled(const IUpdate::ComponentInfo& info, 
 DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
     QV_TRACE(L"AntivirusScanAL::ReloadEngines");
     if (!enginesRecoveryInProgress) {
-        IScanSp* provider = scanSpPlugin.Get();
-        if (!provider) return ERROR_DEPENDENCY_NOT_FOUND;
-        reloadStarted.Fire(path);
-        QV_LOG(LOG_SEV_INFO, L"OnReloadStarted [path = %s]", path.c_str());
-        // The provider finds the new engines itself; the path is only for the sinks.
-        const DWORD error = provider->ReloadEngines();
+        DWORD error;
+        {
+            auto provider = scanSpPlugin.Acquire();
+            if (!provider) return ERROR_DEPENDENCY_NOT_FOUND;
+            reloadStarted.Fire(path);
+            QV_LOG(LOG_SEV_INFO, L"OnReloadStarted [path = %s]", path.c_str());
+            // The provider finds the new engines itself; the path is only for the sinks.
+            error = provider->ReloadEngines();
+        }
         QV_LOG(error ? LOG_SEV_ERROR : LOG_SEV_INFO, L"OnReloadEnded [path = %s] [error = %d]", path.c_str(),
                static_cast<int>(error));
         reloadEnded.Fire(path, static_cast<int>(error));
@@ -66,20 +69,27 @@ DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
     }
 
     QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress: check new engines folder integrity.");
-    bool loadedHere = false;
-    if (scanSpPlugin) {
-        QV_LOG(LOG_SEV_WARNING, L"ScanSp loaded by someone else");
-    } else {
-        QV_LOG(LOG_SEV_WARNING, L"ScanSp not loaded => load now");
-        loadedHere = scanSpPlugin.GetPlugin(ComponentManager());
+    bool fixed;
+    {
+        // The probe's get and its release form one step against UnInit's release of the same
+        // holder: each get is handed back exactly once, by whichever of the two comes second.
+        ServPlugin<IScanSp>::LifecycleLock probing(scanSpPlugin);
+        bool loadedHere = false;
+        if (scanSpPlugin.IsHeld()) {
+            QV_LOG(LOG_SEV_WARNING, L"ScanSp loaded by someone else");
+        } else {
+            QV_LOG(LOG_SEV_WARNING, L"ScanSp not loaded => load now");
+            loadedHere = scanSpPlugin.GetPlugin(ComponentManager());
+        }
+        fixed = scanSpPlugin.IsHeld();
+        // This process keeps running without engines; the restart loads them normally.
+        if (loadedHere) scanSpPlugin.Release();
     }
-    if (!scanSpPlugin) {
+    if (!fixed) {
         QV_LOG(LOG_SEV_WARNING, L"ScanSp load NOT-FIXED => invalidate_cache");
         RecoveryStep_InvalidateCache();
         return ERROR_DEPENDENCY_NOT_FOUND;
     }
-    // This process keeps running without engines; the restart loads them normally.
-    if (loadedHere) scanSpPlugin.Release();
     QV_LOG(LOG_SEV_WARNING, L"ScanSp load FIXED => restart service required");
     return kErrorDataLostRepair;
 }
@@ -89,7 +99,7 @@ void AntivirusScanAL::OnBeforeReload(uint32_t newStatus) {
     ScopedLock lock(stateLock);
     QV_LOG(LOG_SEV_INFO, L"[lastOk = %s] [oldReloadStatus = %d] [newReloadStatus = %d]",
            settings.enginesFolder.c_str(), static_cast<int>(settings.reloadStatus), static_cast<int>(newStatus));
-    SettingsSection section(settingsPlugin.Get());
+    SettingsSection section(settingsPlugin);
     if (!section) return;
     if (!section->SetUInt(L"engines/reloadStatus", newStatus)) {
         QV_LOG(LOG_SEV_WARNING, L"Cannot save reload info [lastOk = %s]", settings.enginesFolder.c_str());
@@ -104,7 +114,7 @@ void AntivirusScanAL::OnReloadSuccessfull() {
     const StringW oldPath = settings.enginesFolder;
     QV_LOG(LOG_SEV_INFO, L"[oldPath = %s] [newPath = %s]", oldPath.c_str(), newPath.c_str());
     if (settings.reloadStatus == 2 && newPath.CompareNoCase(oldPath.c_str()) == 0) return;
-    SettingsSection section(settingsPlugin.Get());
+    SettingsSection section(settingsPlugin);
     if (!section) return;
     if (!section->SetString(L"engines/folder", newPath.c_str()) || !section->SetUInt(L"engines/reloadStatus", 2)) {
         QV_LOG(LOG_SEV_WARNING, L"Cannot save reload info [oldPath = %s] [newPath = %s]", oldPath.c_str(),
@@ -123,7 +133,7 @@ StringW AntivirusScanAL::GetScanSpFolder() {
 std::vector<StringW> AntivirusScanAL::GetSigFolders() {
     QV_TRACE(L"AntivirusScanAL::GetSigFolders");
     std::vector<StringW> folders;
-    if (!servConfigPlugin) {
+    if (!servConfigPlugin.IsHeld()) {
         QV_LOG(LOG_SEV_ERROR, L"ServConfig not loaded");
         return folders;
     }
@@ -153,7 +163,7 @@ std::vector<StringW> AntivirusScanAL::GetSigFolders() {
 
 void AntivirusScanAL::LogEnginesFolder() {
     QV_TRACE(L"AntivirusScanAL::LogEnginesFolder");
-    if (!servConfigPlugin) return;
+    if (!servConfigPlugin.IsHeld()) return;
     const std::vector<StringW> folders = GetSigFolders();
     const StringW latest = GetScanSpFolder();
     uint32_t status;

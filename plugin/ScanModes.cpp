@@ -9,14 +9,16 @@ using namespace logging;
 using namespace kxsdk::AntivirusScan;
 
 StringW AntivirusScanAL::ConfigText(int32_t category, const wchar_t* name) {
-    if (!servConfigPlugin) return StringW();
-    const wchar_t* text = servConfigPlugin->GetText(category, name);
+    // The text is copied while the plug-in is pinned: it belongs to the plug-in.
+    auto config = servConfigPlugin.Acquire();
+    if (!config) return StringW();
+    const wchar_t* text = config->GetText(category, name);
     return StringW(text ? text : L"");
 }
 
 bool AntivirusScanAL::InitScanType() {
     QV_TRACE(L"AntivirusScanAL::InitScanType");
-    if (!servConfigPlugin) return false;
+    if (!servConfigPlugin.IsHeld()) return false;
     StringW text = ConfigText(kxsdk::config::kScanTypeCategory, L"BASE");
     QV_LOG(LOG_SEV_INFO, L"ScanType = %s", text.c_str());
     ScopedLock lock(stateLock);
@@ -45,7 +47,7 @@ bool AntivirusScanAL::ComputeScanModes(ScanMode& primary, ScanMode& fallback) {
         ScopedLock lock(stateLock);
         type = scanType;
     }
-    if (IRemoteScan* remote = remoteScanPlugin.Get()) {
+    if (auto remote = remoteScanPlugin.Acquire()) {
         uint32_t unused = 0;
         remote->GetStatus(&status);
         remote->GetServerCount(&unused);

@@ -10,7 +10,7 @@ namespace qv {
 using namespace logging;
 
 bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
-    SettingsSection section(settingsPlugin.Get());
+    SettingsSection section(settingsPlugin);
     if (!section) return false;
 
     if (!section->GetBool(L"enableBackup", out.enableBackup)) out.enableBackup = false;
@@ -37,7 +37,7 @@ bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
 }
 
 bool AntivirusScanAL::SaveSettings(const AntivirusScanSettings& in) {
-    SettingsSection section(settingsPlugin.Get());
+    SettingsSection section(settingsPlugin);
     if (!section) return false;
     if (!section->SetBool(L"enableBackup", in.enableBackup)) return false;
     try {

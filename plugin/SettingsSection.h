@@ -1,13 +1,15 @@
 #pragma once
-// The "/AntivirusScan" section of the settings store for the length of a scope.
+// The "/AntivirusScan" section of the settings store for the length of a scope. The store stays
+// pinned while the section is open, so that it cannot be handed back under an open section.
+#include "plugin/ServPlugin.h"
 #include "sdk/IKXSettings.h"
 
 namespace qv {
 
 class SettingsSection {
 public:
-    explicit SettingsSection(IKXSettings* store)
-        : section_(store ? store->OpenSection(L"/AntivirusScan", 0, 0, 0) : nullptr) {}
+    explicit SettingsSection(ServPlugin<IKXSettings>& holder)
+        : store_(holder), section_(store_ ? store_->OpenSection(L"/AntivirusScan", 0, 0, 0) : nullptr) {}
     ~SettingsSection() {
         if (section_) section_->Release();
     }
@@ -18,6 +20,7 @@ public:
     IKXSettingsSection* operator->() const { return section_; }
 
 private:
+    ServPlugin<IKXSettings>::Use store_;
     IKXSettingsSection* section_;
 };
 

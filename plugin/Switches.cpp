@@ -124,7 +124,7 @@ DWORD AntivirusScanAL::SetFeatureStatus(const StringW& name, bool isLocked) {
         {
             ScopedLock lock(stateLock);
             featureLocks.Set(feature, isLocked);
-            SettingsSection section(settingsPlugin.Get());
+            SettingsSection section(settingsPlugin);
             if (section) section->SetBool(feature.c_str(), isLocked);
         }
         featureStatusChanged.Fire(feature, isLocked);
@@ -143,7 +143,7 @@ DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
         }
         // Unknown features count as locked.
         bool locked = true;
-        SettingsSection section(settingsPlugin.Get());
+        SettingsSection section(settingsPlugin);
         if (section && !section->GetBool(name.c_str(), locked)) locked = true;
         featureLocks.Set(name, locked);
         *isLocked = locked;
@@ -153,12 +153,13 @@ DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
 
 bool AntivirusScanAL::ApplyBackupStatus(bool status) {
     QV_TRACE(L"AntivirusScanAL::ApplyBackupStatus");
-    if (!scanSpPlugin) {
+    auto provider = scanSpPlugin.Acquire();
+    if (!provider) {
         QV_LOG(LOG_SEV_WARNING, L"ScanSp not loaded.");
         return false;
     }
     uint32_t value = status ? 1 : 0;
-    DWORD error = scanSpPlugin->SetOption(kxsdk::scansp::kOptionBackup, 0, &value, sizeof value);
+    DWORD error = provider->SetOption(kxsdk::scansp::kOptionBackup, 0, &value, sizeof value);
     if (error == 0) return true;
     QV_LOG(LOG_SEV_WARNING, L"Cannot apply backup status. [error = %d]", static_cast<int>(error));
     return false;

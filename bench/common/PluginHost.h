@@ -23,6 +23,7 @@ void RemoveTree(const std::wstring& path);
 class PluginModule {
 public:
     PluginModule() = default;
+    explicit PluginModule(const std::wstring& path) : library_(path) {}
     PluginModule(const PluginModule&) = delete;
     PluginModule& operator=(const PluginModule&) = delete;
 
