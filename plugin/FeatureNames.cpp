@@ -2,16 +2,27 @@
 
 #include "support/Log.h"
 
-#include <cwchar>
-
 namespace qv {
 
 namespace {
 
-const wchar_t* const kReservedKeys[] = {L"enableBackup", L"reportHashChain", L"reportSignatureInfo", L"engines"};
+struct ReservedKey {
+    const wchar_t* name;
+    size_t length;
+};
+
+const ReservedKey kReservedKeys[] = {
+    {L"enableBackup", 12}, {L"reportHashChain", 15}, {L"reportSignatureInfo", 19}, {L"engines", 7}};
+
+bool SameText(const wchar_t* a, const wchar_t* b, size_t length) {
+    for (size_t i = 0; i < length; ++i)
+        if (a[i] != b[i]) return false;
+    return true;
+}
 
 } // namespace
 
+// One pass over the name, with no library calls: GetFeatureStatus runs this on every query.
 bool AcceptFeatureName(const wchar_t* function, const StringW& name) {
     using namespace logging;
     const size_t length = name.Length();
@@ -20,24 +31,34 @@ bool AcceptFeatureName(const wchar_t* function, const StringW& name) {
         WriteMessage(LOG_SEV_ERROR, function, L"Feature name refused: empty");
         return false;
     }
-    if (wcsnlen(text, length) != length) {
-        WriteMessage(LOG_SEV_ERROR, function, L"Feature name refused: holds a NUL character [name = %s] [length = %llu]",
-                     text, static_cast<unsigned long long>(length));
-        return false;
+    // The first step of the path the store would walk: [start, end).
+    size_t start = 0, end = 0;
+    bool inFirstStep = true;
+    for (size_t i = 0; i < length; ++i) {
+        const wchar_t c = text[i];
+        if (c == L'\0') {
+            WriteMessage(LOG_SEV_ERROR, function,
+                         L"Feature name refused: holds a NUL character [name = %s] [length = %llu]", text,
+                         static_cast<unsigned long long>(length));
+            return false;
+        }
+        if (!inFirstStep) continue;
+        if (c != L'/') {
+            end = i + 1;
+        } else if (end > 0) {
+            inFirstStep = false;
+        } else {
+            start = i + 1;
+        }
     }
-    // The first step of the path the store would walk.
-    size_t start = 0;
-    while (start < length && text[start] == L'/') ++start;
-    if (start == length) {
+    if (end == 0) {
         WriteMessage(LOG_SEV_ERROR, function, L"Feature name refused: names no key [name = %s]", text);
         return false;
     }
-    size_t end = start;
-    while (end < length && text[end] != L'/') ++end;
-    for (const wchar_t* key : kReservedKeys) {
-        if (wcslen(key) == end - start && wmemcmp(key, text + start, end - start) == 0) {
+    for (const ReservedKey& key : kReservedKeys) {
+        if (key.length == end - start && SameText(key.name, text + start, key.length)) {
             WriteMessage(LOG_SEV_ERROR, function, L"Feature name refused: reaches the module's key [name = %s] [key = %s]",
-                         text, key);
+                         text, key.name);
             return false;
         }
     }
