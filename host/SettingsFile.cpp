@@ -56,11 +56,25 @@ bool WriteDurably(const std::wstring& path, const std::string& bytes) {
     return ok;
 }
 
+bool WithinDepth(const Json::Value& value, size_t levelsAbove) {
+    if (levelsAbove >= kMaxDepth) return false;
+    std::vector<std::pair<const Json::Value*, size_t>> pending{{&value, levelsAbove + 1}};
+    while (!pending.empty()) {
+        const auto [node, depth] = pending.back();
+        pending.pop_back();
+        if (depth > kMaxDepth) return false;
+        if (!node->isArray() && !node->isObject()) continue;
+        for (const Json::Value& child : *node) pending.emplace_back(&child, depth + 1);
+    }
+    return true;
+}
+
 bool ParseDocument(const std::string& text, Json::Value& document) {
     try {
         Json::CharReaderBuilder builder;
         Json::CharReaderBuilder::strictMode(&builder.settings_);
         builder["rejectDupKeys"] = false;
+        builder["stackLimit"] = kMaxDepth;
         std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value parsed;
         std::string errors;

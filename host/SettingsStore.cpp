@@ -86,6 +86,7 @@ Json::Value SettingsStore::Section(const std::wstring& path) const {
 
 bool SettingsStore::SetDocument(const Json::Value& document) {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (!settingsfile::WithinDepth(document)) return false;
     document_ = document.isObject() ? document : Json::Value(Json::objectValue);
     return WriteLocked(document_);
 }
@@ -175,11 +176,13 @@ bool SettingsStore::GetEntry(const std::string& section, const wchar_t* key, Jso
 
 bool SettingsStore::SetEntry(const std::wstring& section, const wchar_t* key, const Json::Value& value) {
     std::vector<std::string> parts = settingsfile::SplitKey(key);
-    std::string text = settingsfile::Serialize(value, true);
+    // Below the document's root and the section, one level per part of the key.
+    const bool fits = settingsfile::WithinDepth(value, 2 + parts.size());
+    std::string text = fits ? settingsfile::Serialize(value, true) : std::string("<nested too deeply>");
     std::lock_guard<std::mutex> lock(mutex_);
     ++counts_.sets;
     SetRecord record{section, key ? key : L"", text, false};
-    bool fail = parts.empty() || failAll_ || counts_.sets == failAt_;
+    bool fail = !fits || parts.empty() || failAll_ || counts_.sets == failAt_;
     if (!fail) {
         Json::Value updated = document_;
         MakePath(updated, settingsfile::ToUtf8(section.c_str()), parts) = value;

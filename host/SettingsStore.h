@@ -1,7 +1,8 @@
 #pragma once
 // The settings store ("KXSettings"): one JSON object {"<section path>": {...}} kept in memory
 // and, when bound to a file, written durably to that file on every set. A missing file starts
-// empty; an unreadable or non-object file starts empty too and is reported, never fatal.
+// empty; an unreadable, non-object or too deeply nested file starts empty too and is reported,
+// never fatal; a set of a value that would nest too deeply fails.
 #include "host/ServedPlugin.h"
 #include "sdk/IKXSettings.h"
 
@@ -47,7 +48,8 @@ public:
     Json::Value Document() const;
     // The section's object, or a null value when there is none.
     Json::Value Section(const std::wstring& path) const;
-    // Replaces the document (a non-object becomes {}) and writes it to the bound file.
+    // Replaces the document (a non-object becomes {}) and writes it to the bound file. A document
+    // nested deeper than settingsfile::kMaxDepth is refused: false, and the old one stays.
     bool SetDocument(const Json::Value& document);
 
     void RefuseOpen(bool refuse);

@@ -127,7 +127,17 @@ bool AntivirusScanAL::GetEnginesInfoFromFile(const StringW& folder, StringW& ver
         return false;
     }
     UpdateFileInfo info;
-    if (!ReadUpdateFile(path.c_str(), info)) return false;
+    switch (ReadUpdateFile(path.c_str(), info)) {
+    case UpdateFileRead::Read:
+        break;
+    case UpdateFileRead::TooLong:
+        QV_LOG(LOG_SEV_ERROR, L"Update file too long [limit = %u bytes in the first four lines] [path = %s]",
+               static_cast<unsigned>(kUpdateFileHeadLimit), path.c_str());
+        return false;
+    case UpdateFileRead::Unreadable:
+    default:
+        return false;
+    }
     version = info.version;
     countText = info.countText;
     return true;

@@ -16,14 +16,20 @@ bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
     if (!section->GetBool(L"enableBackup", out.enableBackup)) out.enableBackup = false;
 
     Json::Value hashChain(Json::objectValue);
-    if (section->GetValue(L"reportHashChain", hashChain) && hashChain.isObject() && hashChain.isMember("enabled") &&
-        !hashChain["enabled"].isNull()) {
-        try {
-            // Only the member is converted: whatever else the object carries, however large or
-            // deep, is never walked.
-            out.hashChain.enabled = Value::FromJson(hashChain["enabled"]).AsBool();
-        } catch (const ValueException&) {
-            // An unreadable member leaves the switch as it was.
+    if (section->GetValue(L"reportHashChain", hashChain) && hashChain.isObject()) {
+        static const char kEnabled[] = "enabled";
+        const Json::Value* enabled = hashChain.find(kEnabled, kEnabled + sizeof kEnabled - 1);
+        if (enabled && !enabled->isNull()) {
+            try {
+                // Only the member is converted: whatever else the object carries, however large
+                // or deep, is never walked.
+                out.hashChain.enabled = Value::FromJson(*enabled).AsBool();
+            } catch (const ValueException& e) {
+                // A member nested too deeply leaves the switch as it was.
+                QV_FUNCTION(L"AntivirusScanAL::LoadSettings");
+                QV_LOG(LOG_SEV_WARNING, L"Cannot read setting [key = %s] [error = %s]", L"reportHashChain",
+                       StringW::FromUtf8(e.what()).c_str());
+            }
         }
     }
 

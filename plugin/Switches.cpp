@@ -2,6 +2,7 @@
 // changed in one order: compare under the state lock, write the store, apply where needed,
 // update the record, and fire the event after leaving the lock.
 #include "plugin/AntivirusScanAL.h"
+#include "plugin/FeatureNames.h"
 #include "plugin/SettingsSection.h"
 #include "plugin/SlotGuard.h"
 
@@ -119,6 +120,7 @@ DWORD AntivirusScanAL::IsSignatureInfoReported(bool* enabled) {
 DWORD AntivirusScanAL::SetFeatureStatus(const StringW& name, bool isLocked) {
     QV_TRACE(L"AntivirusScanAL::SetFeatureStatus");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        if (!AcceptFeatureName(qvFunctionName_, name)) return ERROR_INVALID_PARAMETER;
         const StringW feature = name;
         QV_LOG(LOG_SEV_INFO, L"[name = %s] [isLocked = %d]", feature.c_str(), isLocked ? 1 : 0);
         {
@@ -136,6 +138,7 @@ DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
     QV_FUNCTION(L"AntivirusScanAL::GetFeatureStatus");
     if (NullOut(qvFunctionName_, isLocked)) return ERROR_INVALID_PARAMETER;
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        if (!AcceptFeatureName(qvFunctionName_, name)) return ERROR_INVALID_PARAMETER;
         ScopedLock lock(stateLock);
         if (const bool* known = featureLocks.FindConst(name)) {
             *isLocked = *known;

@@ -2,53 +2,82 @@
 
 #include <windows.h>
 
+#include <cstring>
+#include <memory>
+#include <string>
+
 namespace qv {
 
-StringW LastWord(const StringW& line) {
-    const wchar_t* text = line.c_str();
-    size_t end = line.Length();
-    while (end && (text[end - 1] == L' ' || text[end - 1] == L'\t' || text[end - 1] == L'\n')) --end;
+namespace {
+
+struct HandleCloser {
+    void operator()(HANDLE h) const { CloseHandle(h); }
+};
+using FileHandle = std::unique_ptr<void, HandleCloser>;
+
+// Trailing blanks, tabs and line feeds are dropped (a carriage return stays); the word is what
+// follows the last blank, or the whole line without one. Bytes widen one to one, so the word of
+// the widened line is the widened word of the bytes.
+StringW LastWord(const std::string& line) {
+    size_t end = line.size();
+    while (end && (line[end - 1] == ' ' || line[end - 1] == '\t' || line[end - 1] == '\n')) --end;
     size_t start = end;
-    while (start && text[start - 1] != L' ') --start;
-    return StringW(text + start, end - start);
+    while (start && line[start - 1] != ' ') --start;
+    StringW word;
+    const size_t length = end - start;
+    if (length == 0) return word;
+    word.Reserve(length);
+    wchar_t* chars = word.Buffer();
+    for (size_t i = 0; i < length; ++i) chars[i] = static_cast<unsigned char>(line[start + i]);
+    word.SetLength(length);
+    return word;
 }
 
-bool ReadUpdateFile(const wchar_t* path, UpdateFileInfo& info) {
-    HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return false;
+} // namespace
 
-    // Only the first four lines are read; a line without its line feed ends at the end of file.
-    StringW lines[4];
-    int line = 0;
-    bool sawAny = false;
-    char buffer[8192];
-    wchar_t widened[8192];
-    DWORD got = 0;
-    while (line < 4 && ReadFile(file, buffer, sizeof buffer, &got, nullptr) && got > 0) {
-        size_t start = 0;
-        for (DWORD i = 0; i < got && line < 4; ++i) {
-            if (buffer[i] != '\n') continue;
-            for (size_t k = start; k < i; ++k) widened[k - start] = static_cast<unsigned char>(buffer[k]);
-            lines[line].Append(widened, i - start);
-            ++line;
-            sawAny = false;
-            start = i + 1;
+UpdateFileRead ReadUpdateFile(const wchar_t* path, UpdateFileInfo& info) {
+    FileHandle file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (file.get() == INVALID_HANDLE_VALUE) {
+        file.release();
+        return UpdateFileRead::Unreadable;
+    }
+
+    // Lines 1 and 3 are only counted; lines 2 and 4 are kept, and never beyond the limit.
+    std::string count, version;
+    int line = 0;           // lines completed so far
+    bool pending = false;   // some bytes of the current line were seen
+    size_t taken = 0;       // bytes of the first four lines so far
+    const size_t kChunk = 64 * 1024;
+    std::unique_ptr<char[]> buffer(new char[kChunk]);
+    while (line < 4) {
+        DWORD got = 0;
+        if (!ReadFile(file.get(), buffer.get(), static_cast<DWORD>(kChunk), &got, nullptr)) {
+            return UpdateFileRead::Unreadable;
         }
-        if (line < 4 && start < got) {
-            for (size_t k = start; k < got; ++k) widened[k - start] = static_cast<unsigned char>(buffer[k]);
-            lines[line].Append(widened, got - start);
-            sawAny = true;
+        if (got == 0) break;
+        const char* at = buffer.get();
+        const char* const end = at + got;
+        while (at < end && line < 4) {
+            const char* feed = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
+            const char* stop = feed ? feed + 1 : end;
+            taken += static_cast<size_t>(stop - at);
+            if (taken > kUpdateFileHeadLimit) return UpdateFileRead::TooLong;
+            const size_t bytes = static_cast<size_t>((feed ? feed : end) - at);
+            if (line == 1) count.append(at, bytes);
+            if (line == 3) version.append(at, bytes);
+            pending = !feed;
+            if (feed) ++line;
+            at = stop;
         }
     }
-    CloseHandle(file);
-    if (line < 4 && sawAny) ++line;
-    if (line < 4) return false;
+    // The last line may end at the end of the file.
+    if (line < 4 && pending) ++line;
+    if (line < 4) return UpdateFileRead::Unreadable;
 
-    info.countText = LastWord(lines[1]);
-    (void)LastWord(lines[2]);
-    info.version = LastWord(lines[3]);
-    return true;
+    info.countText = LastWord(count);
+    info.version = LastWord(version);
+    return UpdateFileRead::Read;
 }
 
 } // namespace qv

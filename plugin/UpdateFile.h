@@ -3,6 +3,8 @@
 // line 4 the version, each as the last blank-separated word of its line.
 #include "support/StringT.h"
 
+#include <cstddef>
+
 namespace qv {
 
 struct UpdateFileInfo {
@@ -10,12 +12,19 @@ struct UpdateFileInfo {
     StringW version;
 };
 
-// Each byte of the file becomes one character, as a wide stream with the default locale reads
-// it. False when the file cannot be opened or has fewer than four lines.
-bool ReadUpdateFile(const wchar_t* path, UpdateFileInfo& info);
+enum class UpdateFileRead {
+    Read,        // four lines were there
+    Unreadable,  // cannot be opened or read, or fewer than four lines
+    TooLong,     // the first four lines, line feeds included, exceed kUpdateFileHeadLimit bytes
+};
 
-// Trailing blanks, tabs and line feeds are dropped (a carriage return stays); the word is what
-// follows the last blank, or the whole line without one.
-StringW LastWord(const StringW& line);
+// The file comes from an engines kit on disk: only its first four lines are looked at, and only
+// up to this many bytes of them, however large the file is.
+constexpr size_t kUpdateFileHeadLimit = 1u << 20;
+
+// Each byte of the file becomes one character, as a wide stream with the default locale reads
+// it; lines end at a line feed, the fourth also at the end of the file. The work is linear in
+// the bytes read and stops after the fourth line. `info` is written only when the file is read.
+UpdateFileRead ReadUpdateFile(const wchar_t* path, UpdateFileInfo& info);
 
 } // namespace qv

@@ -22,7 +22,7 @@ rm -rf "$results"
 mkdir -p "$results"
 status=0
 # Program and arguments, in the order of the table.
-runs=("plugin queries threads" "support" "plugin clean reload startup" "memory")
+runs=("plugin queries threads" "support" "plugin clean reload startup update" "memory")
 for i in "${!runs[@]}"; do
   read -r name args <<<"${runs[$i]}"
   echo "bench: avbench_$name ${args:-}" >&2

@@ -50,6 +50,12 @@ struct IAntivirusScan {
     virtual DWORD IsBackupEnabled(bool* enabled) = 0;                  // slot 9
     virtual DWORD GetEnginesVersion(qv::StringW* version) = 0;         // slot 10
     virtual DWORD GetSignaturesCount(uint64_t* count) = 0;             // slot 11
+    // Feature locks are kept in the module's settings beside its own keys, a "/" in a name being
+    // a step down a path. Both refuse with 87 and one error log line, storing, caching and
+    // announcing nothing (isLocked is not written), a name that is empty, holds a NUL (the length
+    // counts past it), is made of "/" alone, or whose first step (leading "/" skipped) is
+    // "enableBackup", "reportHashChain", "reportSignatureInfo" or "engines", such as
+    // "engines/folder".
     virtual DWORD SetFeatureStatus(const qv::StringW& name, bool isLocked) = 0; // slot 12
     virtual DWORD GetFeatureStatus(const qv::StringW& name, bool* isLocked) = 0; // slot 13
     virtual DWORD ReportHashChain(const HashChainSettings& settings) = 0; // slot 14

@@ -115,6 +115,10 @@ public:
     bool SetBool(bool b);
     bool TryGetBool(bool& out) const;
 
+    // Both conversions walk the tree recursively, so they refuse trees nested deeper than
+    // kMaxDepth arrays and objects (a document from outside could otherwise exhaust the calling
+    // thread's stack): past it they throw ValueException and convert nothing.
+    static constexpr unsigned kMaxDepth = 256;
     static Value FromJson(const Json::Value& json);
     Json::Value ToJson() const;
 
@@ -123,7 +127,9 @@ private:
     [[noreturn]] void ThrowKind(const wchar_t* format) const;
     [[noreturn]] void ThrowKeyed(const wchar_t* format, const wchar_t* key) const;
     DictValue& DictForAccess(const wchar_t* key) const;
-    void ToJsonInto(Json::Value& out, std::string& buffer) const;
+    // `depth` counts the arrays and objects around the value being converted.
+    static Value FromJsonAt(const Json::Value& json, unsigned depth);
+    void ToJsonInto(Json::Value& out, std::string& buffer, unsigned depth) const;
 
     BaseValue* node_;
 };

@@ -52,13 +52,21 @@ void ToUtf8(const StringW& text, std::string& out) {
     for (size_t i = 0; i < length; ++i) out[i] = static_cast<char>(chars[i]);
 }
 
+[[noreturn]] void ThrowTooDeep() {
+    StringW message;
+    message.Format(L"exception: nesting too deep [limit = %u levels]", Value::kMaxDepth);
+    throw ValueException(message);
+}
+
 bool FitsInt64(double whole) {
     return whole >= -9223372036854775808.0 && whole < 9223372036854775808.0;
 }
 
 } // namespace
 
-Value Value::FromJson(const Json::Value& json) {
+Value Value::FromJson(const Json::Value& json) { return FromJsonAt(json, 0); }
+
+Value Value::FromJsonAt(const Json::Value& json, unsigned depth) {
     if (json.isBool()) return MakeBool(json.asBool());
     if (json.isNumeric()) return MakeNumber(json.asDouble());
     if (json.isDouble()) return MakeNumber(json.asDouble());
@@ -68,9 +76,10 @@ Value Value::FromJson(const Json::Value& json) {
         if (text) AssignFromUtf8(static_cast<StringValue*>(result.node_)->value, text, strlen(text));
         return result;
     }
+    if ((json.isArray() || json.isObject()) && depth >= kMaxDepth) ThrowTooDeep();
     if (json.isArray()) {
         Value result = MakeArray();
-        for (Json::ArrayIndex i = 0; i < json.size(); ++i) result.Append(FromJson(json[i]));
+        for (Json::ArrayIndex i = 0; i < json.size(); ++i) result.Append(FromJsonAt(json[i], depth + 1));
         return result;
     }
     if (json.isObject()) {
@@ -87,7 +96,7 @@ Value Value::FromJson(const Json::Value& json) {
                 // Entry's linear search (which would make large documents quadratic).
                 StringW key;
                 AssignFromUtf8(key, name, fullLength);
-                dict.Add(std::move(key), FromJson(*it));
+                dict.Add(std::move(key), FromJsonAt(*it, depth + 1));
                 continue;
             }
             // Other names can collide after conversion: one with an embedded NUL is read up to
@@ -97,7 +106,7 @@ Value Value::FromJson(const Json::Value& json) {
             StringW key;
             AssignFromUtf8(key, name, length);
             const Json::Value* member = json.find(name, name + length);
-            Value converted = member ? FromJson(*member) : Value();
+            Value converted = member ? FromJsonAt(*member, depth + 1) : Value();
             result.Entry(key.c_str()) = std::move(converted);
         }
         return result;
@@ -107,8 +116,10 @@ Value Value::FromJson(const Json::Value& json) {
 
 // Converts into `out` in place (a dict member is filled where operator[] put it) and shares one
 // narrow buffer across the whole tree, so a large document costs little beyond jsoncpp's own work.
-void Value::ToJsonInto(Json::Value& out, std::string& buffer) const {
-    switch (Kind()) {
+void Value::ToJsonInto(Json::Value& out, std::string& buffer, unsigned depth) const {
+    const int kind = Kind();
+    if ((kind == kArray || kind == kDict) && depth >= kMaxDepth) ThrowTooDeep();
+    switch (kind) {
     case kBool:
         out = Json::Value(static_cast<const BoolValue*>(node_)->value != 0);
         break;
@@ -135,7 +146,7 @@ void Value::ToJsonInto(Json::Value& out, std::string& buffer) const {
         const GrowArray<Value>& items = *static_cast<const ArrayValue*>(node_)->items;
         for (uint64_t i = 0; i < items.count; ++i) {
             Json::Value item;
-            items.items[i].ToJsonInto(item, buffer);
+            items.items[i].ToJsonInto(item, buffer, depth + 1);
             out.append(std::move(item));
         }
         break;
@@ -145,7 +156,7 @@ void Value::ToJsonInto(Json::Value& out, std::string& buffer) const {
         const DictValue& dict = *static_cast<const DictValue*>(node_);
         for (uint64_t i = 0; i < dict.Count(); ++i) {
             ToUtf8(dict.keys.items[i], buffer);
-            dict.values.items[i].ToJsonInto(out[buffer], buffer);
+            dict.values.items[i].ToJsonInto(out[buffer], buffer, depth + 1);
         }
         break;
     }
@@ -158,7 +169,7 @@ void Value::ToJsonInto(Json::Value& out, std::string& buffer) const {
 Json::Value Value::ToJson() const {
     Json::Value result;
     std::string buffer;
-    ToJsonInto(result, buffer);
+    ToJsonInto(result, buffer, 0);
     return result;
 }
 

@@ -164,8 +164,8 @@ TEST_F(BadInput, InstallationNoticesWithMissingOrHostileNames) {
     for (int slot = 10; slot <= 14; ++slot) EXPECT_EQ(0u, CallSlot<DWORD>(face, slot));
 }
 
-// Hostile feature names each keep their own lock, the file stays one JSON object, and the next
-// lifetime reads them back.
+// Hostile feature names each keep their own lock (the empty one and one holding a NUL are
+// refused), the file stays one JSON object, and the next lifetime reads them back.
 TEST_F(BadInput, HostileFeatureNamesAreKeptAndTheFileStaysValid) {
     const std::wstring file = root_ + L"\\settings.json";
     plugin.env.settings.UseFile(file);
@@ -174,10 +174,12 @@ TEST_F(BadInput, HostileFeatureNamesAreKeptAndTheFileStaysValid) {
     names.push_back(std::wstring(L"with\0nul", 8));
     for (size_t i = 0; i < names.size(); ++i) {
         const qv::StringW name(names[i].c_str(), names[i].size());
+        const bool refused = names[i].empty() || names[i].find(L'\0') != std::wstring::npos;
+        const DWORD expected = refused ? 87 : 0;
         bool read = i % 2 != 0;
-        EXPECT_EQ(0u, SetFeatureStatus(plugin.scan, name, i % 2 == 0)) << Describe(names[i]);
-        EXPECT_EQ(0u, GetFeatureStatus(plugin.scan, name, &read));
-        EXPECT_EQ(i % 2 == 0, read) << Describe(names[i]);
+        EXPECT_EQ(expected, SetFeatureStatus(plugin.scan, name, i % 2 == 0)) << Describe(names[i]);
+        EXPECT_EQ(expected, GetFeatureStatus(plugin.scan, name, &read));
+        EXPECT_EQ(refused ? i % 2 != 0 : i % 2 == 0, read) << Describe(names[i]) << ": written only when accepted";
     }
     Json::Value document;
     EXPECT_TRUE(ReadSettingsFile(file, document));

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 namespace {
 
 using namespace testing_support;
@@ -73,6 +75,48 @@ TEST_F(EnginesInfo, UpdateFileGivesTheLastWordOfLinesTwoAndFour) {
     Query();
     EXPECT_EQ(L"", version);
     EXPECT_TRUE(LineWith(L"Update file not found [path = " + engines + L"\\Plugins\\update.txt]", 4));
+}
+
+// Only the first four lines count, and only while they stay within 1 MiB together (line feeds
+// included): a large file after them is never read, and an over-long head makes the file
+// unreadable, which is logged.
+TEST_F(EnginesInfo, LargeUpdateFilesAreReadOnlyAsFarAsTheFourthLine) {
+    const std::string head = "[Kit]\nSignatures 4321\nDate\nVersion 9.8.7\n";
+    const std::wstring tooLong = L"Update file too long [limit = 1048576 bytes in the first four lines] [path = " +
+                                 engines + L"\\Plugins\\update.txt]";
+    const size_t mib = 1u << 20;
+    struct Case {
+        std::string what;
+        std::function<std::string()> file;  // made when its turn comes: some are 64 MiB
+        bool read;
+    };
+    std::vector<Case> cases;
+    for (size_t size : {12 * mib, 64 * mib}) {
+        const std::string tag = std::to_string(size / mib) + " MiB, ";
+        cases.push_back({tag + "four short lines first", [=] { return head + std::string(size - head.size(), 'x'); }, true});
+        cases.push_back({tag + "line 1 over-long",
+                         [=] { return std::string(size - head.size(), 'x') + head.substr(5); }, false});
+        cases.push_back({tag + "line 2 without end", [=] { return head.substr(0, 6) + std::string(size, 'x'); }, false});
+    }
+    // The limit itself: four lines of exactly 1 MiB; a byte more; the same without the final feed.
+    const std::string exact = std::string(mib - head.size() + 5, 'x') + head.substr(5);
+    cases.push_back({"1 MiB exactly", [=] { return exact + "tail"; }, true});
+    cases.push_back({"1 MiB and a byte", [=] { return "x" + exact; }, false});
+    cases.push_back({"1 MiB ending at the end of the file", [=] { return "x" + exact.substr(0, mib - 1); }, true});
+
+    ASSERT_EQ(0u, plugin.Init());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        WriteUpdateFile(c.file());
+        avhost::ClearCapturedLines();
+        Restart();
+        Query();
+        EXPECT_EQ(c.read ? L"9.8.7" : L"", version);
+        EXPECT_EQ(c.read ? 4321u : 0u, count);
+        // Each of the three computations (start-up and the two getters) tries the file again.
+        EXPECT_EQ(c.read ? 0 : 3, CountOf(tooLong));
+        if (!c.read) EXPECT_TRUE(LineWith(tooLong, 4));
+    }
 }
 
 TEST_F(EnginesInfo, EnginesFolderEndingInASlashGetsNoSecondSeparator) {

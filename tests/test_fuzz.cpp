@@ -38,7 +38,10 @@ std::string RandomUpdateFile(std::mt19937& random) {
                           : "version " + std::to_string(pick(100)) + "." + std::to_string(pick(1000));
             line += std::string(pick(4) == 0 ? pick(4) : 0, " \t\r"[pick(3)]);
         } else {
-            for (size_t k = pick(50) == 0 ? 100 + pick(5000) : pick(24); k; --k) line += kChars[pick(sizeof kChars - 1)];
+            size_t k = pick(50) == 0 ? 100 + pick(5000) : pick(24);
+            // Now and then the head of the file ends close to its limit, on one side or the other.
+            if (pick(400) == 0) k = kUpdateFileHeadBytes - 100 + pick(150);
+            for (; k; --k) line += kChars[pick(sizeof kChars - 1)];
         }
         file += line;
         if (i + 1 < lines || pick(10) < 7) file += '\n';

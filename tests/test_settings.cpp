@@ -1,6 +1,7 @@
 // The module's settings document as the plug-in loads and saves it through the host's settings
 // store: defaults, unopenable sections, partial writes, persistence across plug-in lifetimes, and
 // documents of the wrong shape.
+#include "tests/common/DeepJson.h"
 #include "tests/common/ScanSlots.h"
 
 #include <gtest/gtest.h>
@@ -219,6 +220,53 @@ TEST_F(Settings, ValuesOfTheWrongShapeTakeTheirDefaults) {
         EXPECT_EQ(0, store().Outstanding());
         ASSERT_EQ(0u, plugin.UnInit());
     }
+}
+
+// "reportHashChain" whose "enabled" is nested `levels` objects deep, read by Init on a thread with
+// a host's 1 MiB stack. The plug-in converts at most 256 levels (past them the switch keeps its
+// default and the reason is logged); the store holds documents of at most 1,000 levels in all and
+// starts empty from a deeper file. Nothing overflows a stack, however deep the file.
+TEST_F(Settings, DeeplyNestedDocumentsOnAHostThreadStack) {
+    const std::wstring folder = TempFolder(L"deep-settings");
+    const std::wstring file = folder + L"\\settings.json";
+    const std::wstring tooDeep =
+        L"Cannot read setting [key = reportHashChain] [error = exception: nesting too deep [limit = 256 levels]]";
+    struct Case {
+        int levels;
+        bool stored, hashChain;
+    };
+    // The document's root, the section and "reportHashChain" are three levels above the member.
+    const Case cases[] = {{256, true, true}, {257, true, false}, {996, true, false},
+                          {997, false, false}, {10000, false, false}, {100000, false, false}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.levels);
+        const std::string text = "{\"/AntivirusScan\": {\"enableBackup\": true, \"reportHashChain\": {\"enabled\": " +
+                                 NestedEnabledText(c.levels) + "}}}";
+        ASSERT_TRUE(WriteBytes(file, text));
+        EXPECT_EQ(c.stored, store().UseFile(file));
+        avhost::ClearCapturedLines();
+        DWORD result = 1;
+        ASSERT_TRUE(RunWithStack(1u << 20, [&] { result = plugin.Init(); }));
+        EXPECT_EQ(0u, result);
+        EXPECT_EQ(c.stored, BackupOf(plugin.scan)) << "the other keys load as usual";
+        EXPECT_EQ(c.hashChain, HashChainOf(plugin.scan));
+        EXPECT_EQ(c.stored && !c.hashChain ? 1 : 0, CountOf(tooDeep));
+        if (!c.stored) EXPECT_TRUE(LineWith(L"[backup = 0]", 32));
+        EXPECT_FALSE(avhost::Contains(L"Cannot load settings."));
+        EXPECT_EQ(0, store().Outstanding());
+        ASSERT_EQ(0u, plugin.UnInit());
+    }
+    // Handed over whole, such documents are refused and the store keeps what it held.
+    store().UseFile(L"");
+    ASSERT_TRUE(store().SetDocument(WithSection(GoodSection())));
+    for (int levels : {10000, 100000}) {
+        Json::Value section = GoodSection();
+        section["reportHashChain"]["enabled"] = NestedEnabled(levels);
+        EXPECT_FALSE(store().SetDocument(WithSection(section))) << levels;
+        ReleaseDeep(section);
+    }
+    EXPECT_EQ(GoodSection(), Section());
+    RemoveFolder(folder);
 }
 
 } // namespace

@@ -163,4 +163,71 @@ TEST_F(Switches, FeatureLocks) {
     EXPECT_EQ(0, store().Outstanding());
 }
 
+// Names that would reach another key of the section, or be cut short on the way to the store,
+// are refused by both operations: 87 and one error line each, and nothing stored, read, cached
+// or announced. Names that merely resemble them are ordinary features.
+TEST_F(Switches, FeatureNamesThatReachOtherKeysAreRefused) {
+    Json::Value section(Json::objectValue);
+    section["enableBackup"] = true;
+    section["reportHashChain"]["enabled"] = true;
+    section["reportSignatureInfo"] = true;
+    section["engines"]["reloadStatus"] = 1;
+    section["engines"]["folder"] = "C:\\Engines";
+    section["victim"] = false;
+    store().SetDocument(WithSection(section));
+    ASSERT_NO_FATAL_FAILURE(Start());
+    const Json::Value started = store().Section(L"/AntivirusScan");
+    const std::wstring reaches = L"Feature name refused: reaches the module's key [name = ";
+    const std::pair<qv::StringW, std::wstring> refused[] = {
+        {L"", L"Feature name refused: empty"},
+        {qv::StringW(L"victim\0tail", 11), L"Feature name refused: holds a NUL character [name = victim] [length = 11]"},
+        {qv::StringW(L"\0", 1), L"Feature name refused: holds a NUL character [name = ] [length = 1]"},
+        {L"enableBackup", reaches + L"enableBackup] [key = enableBackup]"},
+        {L"reportHashChain", reaches + L"reportHashChain] [key = reportHashChain]"},
+        {L"reportSignatureInfo", reaches + L"reportSignatureInfo] [key = reportSignatureInfo]"},
+        {L"engines", reaches + L"engines] [key = engines]"},
+        {L"engines/folder", reaches + L"engines/folder] [key = engines]"},
+        {L"engines/reloadStatus", reaches + L"engines/reloadStatus] [key = engines]"},
+        {L"//reportHashChain/enabled", reaches + L"//reportHashChain/enabled] [key = reportHashChain]"},
+        {L"enableBackup/", reaches + L"enableBackup/] [key = enableBackup]"},
+        {L"/", L"Feature name refused: names no key [name = /]"},
+    };
+    auto messages = [] {
+        std::vector<std::pair<std::wstring, std::wstring>> found;
+        for (const auto& line : avhost::CapturedLines()) {
+            if (line.text.rfind(L"-> ", 0) == 0 || line.text.rfind(L"<- ", 0) == 0) continue;
+            EXPECT_EQ(4u, line.severity) << std::string(line.text.begin(), line.text.end());
+            found.emplace_back(line.function, line.text);
+        }
+        avhost::ClearCapturedLines();
+        return found;
+    };
+    for (const auto& name : refused) {
+        SCOPED_TRACE(Describe(std::wstring(name.first.c_str(), name.first.Length())));
+        EXPECT_EQ(87u, SetFeatureStatus(plugin.scan, name.first, false));
+        EXPECT_EQ((std::vector<std::pair<std::wstring, std::wstring>>{{L"AntivirusScanAL::SetFeatureStatus", name.second}}),
+                  messages());
+        bool locked = false;
+        EXPECT_EQ(87u, GetFeatureStatus(plugin.scan, name.first, &locked));
+        EXPECT_FALSE(locked) << "not written";
+        EXPECT_EQ((std::vector<std::pair<std::wstring, std::wstring>>{{L"AntivirusScanAL::GetFeatureStatus", name.second}}),
+                  messages());
+    }
+    EXPECT_TRUE(sink.Take().empty());
+    EXPECT_TRUE(store().SetLog().empty());
+    EXPECT_EQ(0, store().GetCounts().gets);
+    EXPECT_EQ(started, store().Section(L"/AntivirusScan"));
+    EXPECT_FALSE(FeatureLocked(plugin.scan, L"victim"));
+    EXPECT_TRUE(BackupOf(plugin.scan));
+    EXPECT_TRUE(HashChainOf(plugin.scan));
+    EXPECT_TRUE(SignatureInfoOf(plugin.scan));
+
+    for (const wchar_t* name : {L"Engines", L"enginesX", L"reportHashChains", L"my/engines", L" enableBackup"}) {
+        EXPECT_EQ(0u, SetFeatureStatus(plugin.scan, name, false)) << name;
+        EXPECT_FALSE(FeatureLocked(plugin.scan, name)) << name;
+    }
+    EXPECT_EQ(5u, store().SetLog().size());
+    EXPECT_EQ(5u, sink.Take().size());
+}
+
 } // namespace

@@ -1,5 +1,6 @@
 // Typed JSON values: checked access with its messages, the text form, and the jsoncpp edges.
 #include "support/QvValue.h"
+#include "tests/common/DeepJson.h"
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -160,6 +161,35 @@ TEST(Value, DeepNesting) {
     EXPECT_EQ(parsed, v.ToJson());
     EXPECT_EQ(L"[ { \"k\" : [ ", Text(v).substr(0, 12));
     EXPECT_EQ(parsed, v.Clone().ToJson());
+}
+
+// Both conversions take at most 256 levels of arrays and objects; one more is refused with a
+// message, and so is any depth a document from outside may have, on a host thread's 1 MiB stack.
+TEST(Value, NestingBeyondTheLimitIsRefusedBothWays) {
+    const std::string tooDeep = "exception: nesting too deep [limit = 256 levels]";
+    Json::Value limit = testing_support::NestedEnabled(256);
+    Value v = Value::FromJson(limit);
+    EXPECT_EQ(limit, v.ToJson());
+    Json::Value over = testing_support::NestedEnabled(257);
+    EXPECT_EQ(tooDeep, ThrownMessage([&] { Value::FromJson(over); }));
+    Json::Value array(Json::arrayValue);
+    array.append(limit);
+    EXPECT_EQ(tooDeep, ThrownMessage([&] { Value::FromJson(array); }));
+
+    Value* innermost = &v;
+    while (innermost->Kind() == Value::kDict) innermost = &innermost->Find(L"enabled");
+    *innermost = Value::MakeArray();
+    EXPECT_EQ(tooDeep, ThrownMessage([&] { v.ToJson(); }));
+
+    for (int levels : {10000, 100000}) {
+        Json::Value deep = testing_support::NestedEnabled(levels);
+        std::string message;
+        ASSERT_TRUE(testing_support::RunWithStack(1u << 20, [&] {
+            message = ThrownMessage([&] { Value::FromJson(deep); });
+        }));
+        EXPECT_EQ(tooDeep, message) << levels;
+        testing_support::ReleaseDeep(deep);
+    }
 }
 
 } // namespace

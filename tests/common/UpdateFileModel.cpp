@@ -24,6 +24,7 @@ ExpectedEngines ExpectedFromUpdateFile(const std::string& bytes) {
     while (lines.size() < 4 && start < bytes.size()) {
         size_t feed = bytes.find('\n', start);
         size_t end = feed == std::string::npos ? bytes.size() : feed;
+        if ((feed == std::string::npos ? end : end + 1) > kUpdateFileHeadBytes) return ExpectedEngines();
         std::wstring line;
         for (size_t i = start; i < end; ++i) line += static_cast<wchar_t>(static_cast<unsigned char>(bytes[i]));
         lines.push_back(line);

@@ -2,11 +2,14 @@
 // What the plug-in is to make of an engines kit's "Plugins\update.txt", worked out independently
 // of its reader: the first four lines end at line feeds (the last may end at the end of the file),
 // each byte is one character, and lines 2 and 4 give their last blank-separated word after
-// trailing blanks, tabs and line feeds are dropped. Fewer than four lines give nothing.
+// trailing blanks, tabs and line feeds are dropped. Fewer than four lines give nothing, and so
+// do four lines that, line feeds included, take more than kUpdateFileHeadBytes together.
 #include <cstdint>
 #include <string>
 
 namespace testing_support {
+
+constexpr size_t kUpdateFileHeadBytes = 1u << 20;
 
 struct ExpectedEngines {
     bool read = false;       // four lines were there
