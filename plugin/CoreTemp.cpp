@@ -76,7 +76,7 @@ void AntivirusScanAL::CleanCoreTempFolder() {
         if (full.CompareNoCase(folder.c_str()) == 0) continue;
         QV_LOG(LOG_SEV_DETAIL, L"Deleting [%s]", full.c_str());
         // Links among the siblings go as links: what they point to is not the provider's.
-        file::DeleteEntry(parent, base, name.c_str(), name.size(), walker.IsDirectory(), keptLink);
+        file::DeleteEntry(parent, base, name.c_str(), name.size(), walker.IsDirectory(), walker.FileId(), keptLink);
     }
 }
 

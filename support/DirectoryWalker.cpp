@@ -38,6 +38,7 @@ bool DirectoryWalker::Next() {
         if (length == 0 || IsDots(current->FileName, length)) continue;
         name.assign(current->FileName, length);
         attributes = current->FileAttributes;
+        fileId = current->FileId.QuadPart;
         return true;
     }
 }

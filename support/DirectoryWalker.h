@@ -22,6 +22,8 @@ public:
     const std::wstring& Name() const { return name; }
     DWORD Attributes() const { return attributes; }
     bool IsDirectory() const { return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
+    // The file system's identity of the entry, as GetFileInformationByHandle gives it once open.
+    LONGLONG FileId() const { return fileId; }
 
 private:
     bool Fill();
@@ -33,6 +35,7 @@ private:
     DWORD error = 0;
     std::wstring name;
     DWORD attributes = 0;
+    LONGLONG fileId = 0;
 };
 
 }} // namespace qv::file

@@ -105,7 +105,7 @@ bool DeleteFolderTree(const wchar_t* path) {
     if (parent.IsEmpty()) parent = L".";
     FolderHandle base;
     if (base.Open(parent) != ERROR_SUCCESS) return false;
-    return DeleteEntry(base, parent, name.c_str(), name.Length(), true, nullptr) == EntryResult::Done;
+    return DeleteFolderNamed(base, parent, name.c_str(), name.Length(), nullptr) == EntryResult::Done;
 }
 
 }} // namespace qv::file

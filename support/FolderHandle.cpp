@@ -66,6 +66,38 @@ bool NamesChild(HANDLE child, const StringW& parent, const wchar_t* name, size_t
            CSTR_EQUAL;
 }
 
+// True when the open handle is the entry the parent's listing showed. Wine 8 resolves a link
+// when it opens it and names the handle by a second, separate look-up of the path, so a name
+// flipped between a folder and a link can open one and be named as the other; the identity of
+// what was really opened is what tells. (Windows opens the entry itself; the identity agrees.)
+bool IsListedEntry(HANDLE h, LONGLONG fileId) {
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!GetFileInformationByHandle(h, &info)) return false;
+    const LONGLONG id = static_cast<LONGLONG>((static_cast<ULONGLONG>(info.nFileIndexHigh) << 32) | info.nFileIndexLow);
+    return id == fileId;
+}
+
+// Finds `name` in the listing of `folder`: its identity, and whether it can be walked into.
+EntryResult FindFolderEntry(const FolderHandle& folder, const wchar_t* name, size_t length, LONGLONG& fileId,
+                            DWORD& error) {
+    DirectoryWalker walker(folder.Get());
+    while (walker.Next()) {
+        const std::wstring& entry = walker.Name();
+        if (entry.size() != length || CompareStringOrdinal(entry.c_str(), static_cast<int>(length), name,
+                                                           static_cast<int>(length), TRUE) != CSTR_EQUAL)
+            continue;
+        fileId = walker.FileId();
+        if (walker.Attributes() & FILE_ATTRIBUTE_REPARSE_POINT) return EntryResult::NotFollowed;
+        if (!walker.IsDirectory()) {
+            error = ERROR_PATH_NOT_FOUND;
+            return EntryResult::Absent;
+        }
+        return EntryResult::Done;
+    }
+    error = walker.Error() ? walker.Error() : ERROR_PATH_NOT_FOUND;
+    return walker.Error() ? EntryResult::Failed : EntryResult::Absent;
+}
+
 bool IsReparsePoint(HANDLE h) {
     FILE_ATTRIBUTE_TAG_INFO tag{};
     return !GetFileInformationByHandleEx(h, FileAttributeTagInfo, &tag, sizeof tag) ||
@@ -138,8 +170,11 @@ EntryResult OpenParentOf(const wchar_t* base, const wchar_t* relative, FolderHan
             error = ERROR_INVALID_NAME;
             return EntryResult::Failed;
         }
+        LONGLONG fileId = 0;
+        EntryResult result = FindFolderEntry(folder, name, length, fileId, error);
+        if (result != EntryResult::Done) return result;
         FolderHandle child;
-        const EntryResult result = folder.OpenChild(name, length, child, error);
+        result = folder.OpenChild(name, length, fileId, child, error);
         if (result != EntryResult::Done) return result;
         folder = std::move(child);
         name = next;
@@ -149,7 +184,7 @@ EntryResult OpenParentOf(const wchar_t* base, const wchar_t* relative, FolderHan
 EntryResult DeleteTree(const FolderHandle& folder, const StringW& path, const KeptEntryFn& onKept, int depth);
 
 EntryResult DeleteChild(const FolderHandle& parent, const StringW& parentPath, const wchar_t* name, size_t length,
-                        bool isDirectory, const KeptEntryFn& onKept, int depth) {
+                        bool isDirectory, LONGLONG fileId, const KeptEntryFn& onKept, int depth) {
     auto kept = [&] {
         if (onKept) {
             StringW path(parentPath);
@@ -161,7 +196,7 @@ EntryResult DeleteChild(const FolderHandle& parent, const StringW& parentPath, c
     if (isDirectory) {
         FolderHandle child;
         DWORD error = ERROR_SUCCESS;
-        const EntryResult opened = parent.OpenChild(name, length, child, error, true);
+        const EntryResult opened = parent.OpenChild(name, length, fileId, child, error, true);
         if (opened == EntryResult::Absent) return EntryResult::Done;  // gone meanwhile
         if (opened != EntryResult::Done || !child.IsOpen()) return opened == EntryResult::NotFollowed ? kept() : opened;
         EntryResult result = EntryResult::Done;
@@ -195,7 +230,8 @@ EntryResult DeleteTree(const FolderHandle& folder, const StringW& path, const Ke
     DirectoryWalker walker(folder.Get());
     while (walker.Next()) {
         const std::wstring& name = walker.Name();
-        merge(DeleteChild(folder, path, name.c_str(), name.size(), walker.IsDirectory(), onKept, depth));
+        merge(DeleteChild(folder, path, name.c_str(), name.size(), walker.IsDirectory(), walker.FileId(), onKept,
+                          depth));
     }
     if (walker.Error() != ERROR_SUCCESS) merge(EntryResult::Failed);
     return result;
@@ -215,14 +251,15 @@ DWORD FolderHandle::Open(const wchar_t* path) {
     return ERROR_SUCCESS;
 }
 
-EntryResult FolderHandle::OpenChild(const wchar_t* name, size_t length, FolderHandle& child, DWORD& error,
-                                    bool forDelete) const {
+EntryResult FolderHandle::OpenChild(const wchar_t* name, size_t length, LONGLONG fileId, FolderHandle& child,
+                                    DWORD& error, bool forDelete) const {
     HANDLE raw = INVALID_HANDLE_VALUE;
     error = nt::OpenRelative(handle.Get(), name, length, kListAccess | (forDelete ? kDeleteAccess : 0), kShareAll,
                              nt::kFileOpen, nt::kDirectoryFile | nt::kOpenReparsePoint, &raw);
     UniqueHFile opened(raw);
     if (error != ERROR_SUCCESS) return IsNotFound(error) ? EntryResult::Absent : EntryResult::Failed;
-    if (!NamesChild(opened.Get(), real, name, length, child.real)) return EntryResult::NotFollowed;
+    if (!NamesChild(opened.Get(), real, name, length, child.real) || !IsListedEntry(opened.Get(), fileId))
+        return EntryResult::NotFollowed;
     // A caller deleting the child removes a link as a link; any other caller stops at it.
     if (!forDelete && IsReparsePoint(opened.Get())) return EntryResult::NotFollowed;
     child.handle = std::move(opened);
@@ -262,8 +299,18 @@ EntryResult CreateFileBelow(const wchar_t* base, const wchar_t* relative, DWORD&
 }
 
 EntryResult DeleteEntry(const FolderHandle& parent, const StringW& parentPath, const wchar_t* name, size_t length,
-                        bool isDirectory, const KeptEntryFn& onKept) {
-    return DeleteChild(parent, parentPath, name, length, isDirectory, onKept, 0);
+                        bool isDirectory, LONGLONG fileId, const KeptEntryFn& onKept) {
+    return DeleteChild(parent, parentPath, name, length, isDirectory, fileId, onKept, 0);
+}
+
+EntryResult DeleteFolderNamed(const FolderHandle& parent, const StringW& parentPath, const wchar_t* name, size_t length,
+                              const KeptEntryFn& onKept) {
+    LONGLONG fileId = 0;
+    DWORD error = ERROR_SUCCESS;
+    const EntryResult found = FindFolderEntry(parent, name, length, fileId, error);
+    // A link is still deleted as one where the platform can (the identity check then decides).
+    if (found != EntryResult::Done && found != EntryResult::NotFollowed) return found;
+    return DeleteChild(parent, parentPath, name, length, true, fileId, onKept, 0);
 }
 
 }} // namespace qv::file

@@ -28,11 +28,11 @@ public:
     // from the configuration and is the caller's to trust. Returns a Win32 error code.
     DWORD Open(const wchar_t* path);
 
-    // Opens the child folder `name` of this folder without following a link. Returns
-    // NotFollowed for a link (or, where the platform resolves links, for a name that opened as
-    // something other than this folder's own entry); the child is then left unopened.
-    // `forDelete` also asks for the rights to delete the child and change its attributes.
-    EntryResult OpenChild(const wchar_t* name, size_t length, FolderHandle& child, DWORD& error,
+    // Opens the child folder `name` of this folder without following a link; `fileId` is the
+    // entry's identity as this folder's listing gave it. Returns NotFollowed for a link (or,
+    // where the platform resolves links, for a name that opened as anything but that entry); the
+    // child is then left unopened. `forDelete` also asks for the rights to delete the child.
+    EntryResult OpenChild(const wchar_t* name, size_t length, LONGLONG fileId, FolderHandle& child, DWORD& error,
                           bool forDelete = false) const;
 
     HANDLE Get() const { return handle.Get(); }
@@ -57,7 +57,12 @@ EntryResult CreateFileBelow(const wchar_t* base, const wchar_t* relative, DWORD&
 // Deletes the entry `name` of `parent`: a file, or a folder with everything inside it. Read-only
 // entries go too. `parentPath` is the path the caller knows the parent by, for `onKept`. Done
 // only if everything went; NotFollowed when links were kept (each reported); Failed otherwise.
+// `fileId` as the parent's listing gave it.
 EntryResult DeleteEntry(const FolderHandle& parent, const StringW& parentPath, const wchar_t* name, size_t length,
-                        bool isDirectory, const KeptEntryFn& onKept);
+                        bool isDirectory, LONGLONG fileId, const KeptEntryFn& onKept);
+
+// The same for a folder known only by name: its identity is looked up in the parent's listing.
+EntryResult DeleteFolderNamed(const FolderHandle& parent, const StringW& parentPath, const wchar_t* name, size_t length,
+                              const KeptEntryFn& onKept);
 
 }} // namespace qv::file
