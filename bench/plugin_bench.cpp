@@ -461,7 +461,7 @@ void CleanRow(PluginModule& module) {
     for (size_t i = 0; i < pluginClean.size(); ++i) pairs.push_back(pluginClean[i] / plainClean[i]);
     c.pairRatios = StatsOf(pairs);
     const Stats floor = StatsOf(checkedClean);
-    Row row = RatioRow(what, c, 1.1);
+    Row row = RatioRow(what, c, 2.0);
     row.note = Printf("Plug-in side: DelayedStart with the tree beside the core temp folder minus DelayedStart "
                       "without it (%.2f ms); %d runs after a warm-up on small trees, each deleting three identical "
                       "trees in turn. Floor set by removing links as links, never followed (Wine resolves a link when it "

@@ -137,7 +137,7 @@ private:
     bool RecoveryStep_GenDummyMissingFiles();
     bool RecoveryStep_StartUpdateSig();
     bool RecoveryStep_RestartService();
-    bool GenerateDummyFile(const StringW& path);
+    bool GenerateDummyFile(const StringW& folder, const wchar_t* name);
     StringW GetCommonFolder();
     void GenerateNonRemoteScanPlugins();
     void RemoveNonRemoteScanPlugins();

@@ -1,6 +1,8 @@
 // The scan service provider's core temp folder and its crash handler.
 #include "plugin/AntivirusScanAL.h"
+#include "support/DirectoryWalker.h"
 #include "support/FileUtil.h"
+#include "support/FolderHandle.h"
 
 #include <shlwapi.h>
 
@@ -58,26 +60,24 @@ void AntivirusScanAL::CleanCoreTempFolder() {
         return;
     }
 
-    StringW pattern = root;
-    pattern.Append(L"*");
-    WIN32_FIND_DATAW entry;
-    HANDLE find = FindFirstFileW(pattern.c_str(), &entry);
-    if (find == INVALID_HANDLE_VALUE) return;
-    do {
-        if (!wcscmp(entry.cFileName, L".") || !wcscmp(entry.cFileName, L"..")) continue;
+    // The parent is opened once; every sibling is listed, opened, checked and deleted through
+    // that handle, so no name swapped for a link meanwhile can lead the deletion elsewhere.
+    file::FolderHandle parent;
+    if (parent.Open(root.c_str()) != ERROR_SUCCESS) return;
+    const file::KeptEntryFn keptLink = [](const StringW& path) {
+        QV_LOG(LOG_SEV_WARNING, L"Link not followed, entry kept [path = %s]", path.c_str());
+    };
+    file::DirectoryWalker walker(parent.Get());
+    while (walker.Next()) {
         if (!cleanAllowed) break;
+        const std::wstring& name = walker.Name();
         StringW full = root;
-        full.Append(entry.cFileName);
+        full.Append(name.c_str());
         if (full.CompareNoCase(folder.c_str()) == 0) continue;
         QV_LOG(LOG_SEV_DETAIL, L"Deleting [%s]", full.c_str());
         // Links among the siblings go as links: what they point to is not the provider's.
-        if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-            file::DeleteFolderTree(full.c_str());
-        } else {
-            file::DeleteFileEntry(full.c_str());
-        }
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
+        file::DeleteEntry(parent, base, name.c_str(), name.size(), walker.IsDirectory(), walker.FileId(), keptLink);
+    }
 }
 
 void AntivirusScanAL::DisableScanCrashHandler() {

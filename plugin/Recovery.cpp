@@ -4,6 +4,7 @@
 #include "plugin/AntivirusScanAL.h"
 #include "plugin/SlotGuard.h"
 #include "support/FileUtil.h"
+#include "support/FolderHandle.h"
 
 #include <shlwapi.h>
 
@@ -49,16 +50,19 @@ bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
         StringW path = common;
         file::JoinPath(path, cache.name);
         QV_LOG(LOG_SEV_INFO, cache.message, path.c_str());
-        if (!PathFileExistsW(path.c_str())) continue;
-        // A link planted in the cache's place leads out of the common folder: where it points
-        // is not ours to delete.
-        if (!file::StaysWithin(common.c_str(), path.c_str())) {
+        // "installer" and the file are opened below the common folder without following a link
+        // and the file is deleted through its own handle: a link planted in their place leads
+        // out of the common folder, and where it points is not ours to delete.
+        DWORD error = ERROR_SUCCESS;
+        switch (file::DeleteFileBelow(common.c_str(), cache.name, error)) {
+        case file::EntryResult::Done:
+        case file::EntryResult::Absent: break;
+        case file::EntryResult::NotFollowed:
             QV_LOG(LOG_SEV_WARNING, L"Link not followed, file kept [path = %s]", path.c_str());
-            continue;
-        }
-        if (!DeleteFileW(path.c_str())) {
-            QV_LOG(LOG_SEV_ERROR, L"Cannot delete file [error = %d] [path = %s]", static_cast<int>(GetLastError()),
-                   path.c_str());
+            break;
+        case file::EntryResult::Failed:
+            QV_LOG(LOG_SEV_ERROR, L"Cannot delete file [error = %d] [path = %s]", static_cast<int>(error), path.c_str());
+            break;
         }
     }
     return true;
@@ -77,28 +81,35 @@ bool AntivirusScanAL::RecoveryStep_GenDummyMissingFiles() {
     }
     bool all = true;
     for (const wchar_t* name : {L"qvcore.dll", L"scanclient.dll", L"smartdbv2.dat"}) {
-        StringW path = engines;
-        file::JoinPath(path, name);
-        if (!GenerateDummyFile(path)) all = false;
+        if (!GenerateDummyFile(engines, name)) all = false;
     }
     return all;
 }
 
-// Never touches an existing file: CREATE_NEW fails rather than overwrite.
-bool AntivirusScanAL::GenerateDummyFile(const StringW& path) {
+// Never touches an existing file: the file is created relative to its opened folder only if no
+// entry of that name exists, a dangling link included.
+bool AntivirusScanAL::GenerateDummyFile(const StringW& folder, const wchar_t* name) {
     QV_TRACE(L"AntivirusScanAL::GenerateDummyFile");
+    StringW path = folder;
+    file::JoinPath(path, name);
     QV_LOG(LOG_SEV_INFO, L"Generating missing file. [path = %s]", path.c_str());
     if (PathFileExistsW(path.c_str())) return true;
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-        QV_LOG(LOG_SEV_ERROR, L"Cannot create missing file. [error = %d] [path = %s]",
-               static_cast<int>(GetLastError()), path.c_str());
+    DWORD error = ERROR_SUCCESS;
+    switch (file::CreateFileBelow(folder.c_str(), name, error)) {
+    case file::EntryResult::Done:
+        QV_LOG(LOG_SEV_INFO, L"Missing file created. [path = %s]", path.c_str());
+        return true;
+    case file::EntryResult::NotFollowed:
+        QV_LOG(LOG_SEV_WARNING, L"Link not followed, file not created [path = %s]", path.c_str());
         return false;
+    case file::EntryResult::Absent:
+        error = ERROR_PATH_NOT_FOUND;  // what creating by path answers for a missing folder
+        break;
+    case file::EntryResult::Failed: break;
     }
-    CloseHandle(file);
-    QV_LOG(LOG_SEV_INFO, L"Missing file created. [path = %s]", path.c_str());
-    return true;
+    QV_LOG(LOG_SEV_ERROR, L"Cannot create missing file. [error = %d] [path = %s]", static_cast<int>(error),
+           path.c_str());
+    return false;
 }
 
 bool AntivirusScanAL::RecoveryStep_StartUpdateSig() {

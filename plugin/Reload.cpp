@@ -5,6 +5,7 @@
 #include "plugin/SettingsSection.h"
 #include "plugin/SlotGuard.h"
 #include "support/FileUtil.h"
+#include "support/WinHandle.h"
 
 #include <psapi.h>
 #include <shlwapi.h>
@@ -145,8 +146,9 @@ std::vector<StringW> AntivirusScanAL::GetSigFolders() {
     StringW base = pattern;
     file::RemoveFileName(base);
     WIN32_FIND_DATAW entry;
-    HANDLE find = FindFirstFileW(pattern.c_str(), &entry);
-    if (find == INVALID_HANDLE_VALUE) {
+    // A pattern with wildcards: the one listing that is made by name.
+    UniqueHFind find(FindFirstFileW(pattern.c_str(), &entry));
+    if (!find) {
         QV_LOG(LOG_SEV_ERROR, L"Path not found [pattern = %s]", pattern.c_str());
         return folders;
     }
@@ -156,8 +158,7 @@ std::vector<StringW> AntivirusScanAL::GetSigFolders() {
         file::JoinPath(folder, entry.cFileName);
         file::RemoveBackslash(folder);
         folders.push_back(folder);
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
+    } while (FindNextFileW(find.Get(), &entry));
     return folders;
 }
 

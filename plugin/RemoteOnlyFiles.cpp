@@ -3,6 +3,7 @@
 // trailing blank on the last element, so "nnml.cvd" is the file reached.
 #include "plugin/AntivirusScanAL.h"
 #include "support/FileUtil.h"
+#include "support/FolderHandle.h"
 
 #include <shlwapi.h>
 
@@ -15,10 +16,16 @@ const wchar_t* const kCreatedWhenMissing[] = {L"lhdb.cvd", L"nnml.cvd ", L"xgdb.
 const wchar_t* const kDeletedWhenPresent[] = {L"dalvik.cvd", L"dalvik.ivd", L"dalvik.xmd", L"lhdb.cvd", L"nnml.cvd ",
                                               L"xgdb.cvd",   L"mdx.xmd",    L"sdx.cvd",    L"sdx.ivd",  L"sdx.xmd"};
 
+// "Plugins\<name>", below the engines folder.
+StringW PluginName(const wchar_t* name) {
+    StringW relative = L"Plugins";
+    file::JoinPath(relative, name);
+    return relative;
+}
+
 StringW PluginFile(const StringW& engines, const wchar_t* name) {
     StringW path = engines;
-    file::JoinPath(path, L"Plugins");
-    file::JoinPath(path, name);
+    file::JoinPath(path, PluginName(name).c_str());
     return path;
 }
 } // namespace
@@ -35,7 +42,7 @@ void AntivirusScanAL::GenerateNonRemoteScanPlugins() {
         const StringW path = PluginFile(engines, name);
         if (PathFileExistsW(path.c_str())) continue;
         QV_LOG(LOG_SEV_WARNING, L"File %s does not exist. Will create it", path.c_str());
-        GenerateDummyFile(path);
+        GenerateDummyFile(engines, PluginName(name).c_str());
     }
 }
 
@@ -49,16 +56,19 @@ void AntivirusScanAL::RemoveNonRemoteScanPlugins() {
     }
     for (const wchar_t* name : kDeletedWhenPresent) {
         const StringW path = PluginFile(engines, name);
-        if (!PathFileExistsW(path.c_str())) continue;
-        // A link (the file's or the "Plugins" folder's) leads out of the engines folder: what it
-        // points to is not ours to delete.
-        if (!file::StaysWithin(engines.c_str(), path.c_str())) {
+        // "Plugins" and the file are opened below the engines folder without following a link
+        // and the file is deleted through its own handle: a link (the file's or the folder's)
+        // leads out of the engines folder, and what it points to is not ours to delete.
+        DWORD error = ERROR_SUCCESS;
+        switch (file::DeleteFileBelow(engines.c_str(), PluginName(name).c_str(), error)) {
+        case file::EntryResult::Done:
+        case file::EntryResult::Absent: break;
+        case file::EntryResult::NotFollowed:
             QV_LOG(LOG_SEV_WARNING, L"Link not followed, file kept [path = %s]", path.c_str());
-            continue;
-        }
-        if (!DeleteFileW(path.c_str())) {
-            QV_LOG(LOG_SEV_WARNING, L"Cannot delete file [path = %s] [error = %d]", path.c_str(),
-                   static_cast<int>(GetLastError()));
+            break;
+        case file::EntryResult::Failed:
+            QV_LOG(LOG_SEV_WARNING, L"Cannot delete file [path = %s] [error = %d]", path.c_str(), static_cast<int>(error));
+            break;
         }
     }
 }

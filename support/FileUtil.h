@@ -15,16 +15,10 @@ bool GetModuleFolder(StringW& folder);
 bool JoinPath(StringW& base, const wchar_t* name);
 // Creates the folder and every missing parent; true if the folder exists afterwards.
 bool CreateFolderTree(const wchar_t* path);
-// Deletes the folder with everything inside it; true only if everything was deleted.
-// Symbolic links and junctions are removed as links and never followed; where the platform
-// cannot remove a link to a folder without reaching through it, the link stays and the result
-// is false.
+// Deletes the folder with everything inside it; true only if everything was deleted. The tree
+// is walked through folder handles (support/FolderHandle.h): symbolic links and junctions are
+// removed as links and never followed; where the platform cannot remove a link without reaching
+// through it, the link stays and the result is false.
 bool DeleteFolderTree(const wchar_t* path);
-// True when `path` (which must exist) lies in `base`'s real folder under its own name: no
-// element of `path` below `base`, the last one included, is a link or junction to elsewhere.
-bool StaysWithin(const wchar_t* base, const wchar_t* path);
-// Deletes one file, read-only or not; a link to a file goes as a link and the file it points to
-// stays. False for a folder or a missing path.
-bool DeleteFileEntry(const wchar_t* path);
 
 }} // namespace qv::file
