@@ -46,6 +46,11 @@ for value in "\"FileVersion\", \"$version\"" '"FileDescription", "Antivirus scan
   grep -qF "VALUE $value" <<<"$rc" || fail "version resource lacks $value"
 done
 
+# include/ on its own: every SDK header, against nothing but the package.
+for h in "$pkg"/include/sdk/*.h; do echo "#include \"sdk/${h##*/}\""; done > "$work/sdk_headers.cpp"
+x86_64-w64-mingw32-g++-posix -std=c++17 -DJSON_DLL -fsyntax-only -isystem "$pkg/include" "$work/sdk_headers.cpp" ||
+  fail "the SDK headers do not compile on their own"
+
 # The example host, from a copy of its sources, against the unpacked package.
 cp -r "$here/examples/minimal-host" "$work/minimal-host-src"
 cmake -S "$work/minimal-host-src" -B "$work/minimal-host" -DCMAKE_BUILD_TYPE=Release -DCMAKE_SYSTEM_NAME=Windows \

@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,7 @@ struct SettingsStore : IKXSettings, IKXSettingsSection {
 
 // "Update.UpdateAL": signature statistics of one "Antivirus" component; everything else refused.
 struct Updater : Update::IUpdate {
+    static constexpr DWORD kNo = ERROR_NOT_SUPPORTED;
     DWORD GetStatistics(Statistics* statistics) override {
         if (!statistics) return ERROR_INVALID_PARAMETER;
         SignatureStatistics antivirus;
@@ -57,23 +59,23 @@ struct Updater : Update::IUpdate {
     }
     DWORD RegisterEvents(IEvents*, uint32_t, const char*) override { return ERROR_SUCCESS; }
     DWORD UnregisterEvents(IEvents*, uint32_t, const char*) override { return ERROR_SUCCESS; }
-    DWORD GetUpdateSettings(UpdateSettings*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD StartUpdate(const UpdateRequest&, uint32_t*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD RestartService(uint32_t, const wchar_t*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD StopUpdate() override { return ERROR_NOT_SUPPORTED; }
-    DWORD IsUpdateRunning(bool*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD SetUpdateSettings(const UpdateSettings&) override { return ERROR_NOT_SUPPORTED; }
-    DWORD GetLastResult(DWORD*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD GetLastUpdateTime(uint64_t*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD GetComponentVersion(const wchar_t*, qv::StringW*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD ScheduleUpdate(uint32_t) override { return ERROR_NOT_SUPPORTED; }
-    DWORD CancelSchedule() override { return ERROR_NOT_SUPPORTED; }
-    DWORD Rollback(const wchar_t*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD GetDownloadProgress(uint32_t*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD VerifyComponent(const wchar_t*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD GetUpdateServer(qv::StringW*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD SetLicense(const wchar_t*) override { return ERROR_NOT_SUPPORTED; }
-    DWORD Flush() override { return ERROR_NOT_SUPPORTED; }
+    DWORD GetUpdateSettings(UpdateSettings*) override { return kNo; }
+    DWORD StartUpdate(const UpdateRequest&, uint32_t*) override { return kNo; }
+    DWORD RestartService(uint32_t, const wchar_t*) override { return kNo; }
+    DWORD StopUpdate() override { return kNo; }
+    DWORD IsUpdateRunning(bool*) override { return kNo; }
+    DWORD SetUpdateSettings(const UpdateSettings&) override { return kNo; }
+    DWORD GetLastResult(DWORD*) override { return kNo; }
+    DWORD GetLastUpdateTime(uint64_t*) override { return kNo; }
+    DWORD GetComponentVersion(const wchar_t*, qv::StringW*) override { return kNo; }
+    DWORD ScheduleUpdate(uint32_t) override { return kNo; }
+    DWORD CancelSchedule() override { return kNo; }
+    DWORD Rollback(const wchar_t*) override { return kNo; }
+    DWORD GetDownloadProgress(uint32_t*) override { return kNo; }
+    DWORD VerifyComponent(const wchar_t*) override { return kNo; }
+    DWORD GetUpdateServer(qv::StringW*) override { return kNo; }
+    DWORD SetLicense(const wchar_t*) override { return kNo; }
+    DWORD Flush() override { return kNo; }
 };
 
 // "scansp": engines that load and reload; no crash handler to hand out.
@@ -122,42 +124,46 @@ bool Report(const char* call, DWORD result) {
 }
 
 // What Explorer and the host's update plug-in read: the DLL's version resource.
-bool PrintVersion(const std::wstring& path) {
+bool PrintVersion(const wchar_t* path) {
     DWORD ignored = 0;
-    std::vector<char> block(GetFileVersionInfoSizeW(path.c_str(), &ignored));
-    VS_FIXEDFILEINFO* fixed = nullptr;
-    wchar_t *description = nullptr, *original = nullptr;
+    std::vector<char> block(GetFileVersionInfoSizeW(path, &ignored));
+    void *fixed = nullptr, *description = nullptr, *original = nullptr;
     UINT size = 0;
-    if (block.empty() || !GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(block.size()), block.data()) ||
-        !VerQueryValueW(block.data(), L"\\", reinterpret_cast<void**>(&fixed), &size) ||
-        !VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\FileDescription",
-                        reinterpret_cast<void**>(&description), &size) ||
-        !VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\OriginalFilename",
-                        reinterpret_cast<void**>(&original), &size)) {
+    if (block.empty() || !GetFileVersionInfoW(path, 0, static_cast<DWORD>(block.size()), block.data()) ||
+        !VerQueryValueW(block.data(), L"\\", &fixed, &size) ||
+        !VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\FileDescription", &description, &size) ||
+        !VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\OriginalFilename", &original, &size)) {
         std::printf("no version resource\n");
         return false;
     }
-    std::printf("version %u.%u.%u.%u, \"%ls\", %ls\n", HIWORD(fixed->dwFileVersionMS), LOWORD(fixed->dwFileVersionMS),
-                HIWORD(fixed->dwFileVersionLS), LOWORD(fixed->dwFileVersionLS), description, original);
+    const auto* v = static_cast<const VS_FIXEDFILEINFO*>(fixed);
+    std::printf("version %u.%u.%u.%u, \"%ls\", %ls\n", HIWORD(v->dwFileVersionMS), LOWORD(v->dwFileVersionMS),
+                HIWORD(v->dwFileVersionLS), LOWORD(v->dwFileVersionLS), static_cast<const wchar_t*>(description),
+                static_cast<const wchar_t*>(original));
     return true;
+}
+
+template <class Fn> Fn Export(HMODULE module, const char* name) {
+    return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
 
 } // namespace
 
 int main() {
+    // The plug-in is loaded from the program's own folder, as the service loads its plug-ins.
     wchar_t self[MAX_PATH];
-    DWORD length = GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring path(self, length);
+    std::wstring path(self, GetModuleFileNameW(nullptr, self, MAX_PATH));
     path.erase(path.find_last_of(L'\\') + 1).append(L"AntivirusScan.AL");
-    bool ok = PrintVersion(path);
+    bool ok = PrintVersion(path.c_str());
 
-    HMODULE module = LoadLibraryW(path.c_str());
+    std::unique_ptr<HINSTANCE__, decltype(&FreeLibrary)> module(LoadLibraryW(path.c_str()), &FreeLibrary);
     using CreateFn = DWORD (*)(const wchar_t*, GUID, void**);
     using DestroyFn = DWORD (*)(const wchar_t*, void*);
-    auto create = module ? reinterpret_cast<CreateFn>(reinterpret_cast<void*>(GetProcAddress(module, "QvCreateObject"))) : nullptr;
-    auto destroy = module ? reinterpret_cast<DestroyFn>(reinterpret_cast<void*>(GetProcAddress(module, "QvDestroyObject"))) : nullptr;
+    auto create = module ? Export<CreateFn>(module.get(), "QvCreateObject") : nullptr;
+    auto destroy = module ? Export<DestroyFn>(module.get(), "QvDestroyObject") : nullptr;
     void* object = nullptr;
-    if (!create || !destroy || !Report("QvCreateObject", create(ids::kAntivirusScanObjectName, ids::kDelayedServPluginFaceId, &object))) {
+    if (!create || !destroy ||
+        !Report("QvCreateObject", create(ids::kAntivirusScanObjectName, ids::kDelayedServPluginFaceId, &object))) {
         std::printf("cannot load the plug-in [error = %lu]\n", GetLastError());
         return 1;
     }
@@ -181,7 +187,6 @@ int main() {
     ok = Report("Stop", plugin->Stop()) && scan && ok;
     ok = Report("UnInit", plugin->UnInit()) && ok;
     destroy(ids::kAntivirusScanObjectName, object);
-    FreeLibrary(module);
     std::printf("%s\n", ok ? "minimal host: done" : "minimal host: FAILED");
     return ok ? 0 : 1;
 }
