@@ -65,5 +65,7 @@ echo "$out"
 [ "$status" -eq 0 ] || fail "minimal-host.exe exited with $status"
 grep -qxF "version $version.0, \"Antivirus scan adapter plug-in\", AntivirusScan.AL" <<<"$out" ||
   fail "GetFileVersionInfoW read another version resource"
+# The fake update plug-in's version, handed back through the SDK's string type.
+grep -qF "engines version 2024.05.17.1" <<<"$out" || fail "GetEnginesVersion did not hand the version back"
 grep -qxF "minimal host: done" <<<"$out" || fail "the example host did not finish"
 echo "release check: $(basename "$zip") passed"
