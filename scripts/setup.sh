@@ -19,6 +19,45 @@ fi
 mkdir -p "$DEPS"
 export CC=x86_64-w64-mingw32-gcc-posix CXX=x86_64-w64-mingw32-g++-posix
 
+# Source entries for apt, derived from the machine's own apt configuration so that its mirrors,
+# proxies and keys keep working: every `deb` entry becomes a `deb-src` entry, options and all.
+# One-line lists (sources.list, sources.list.d/*.list) go to one list; each deb822 file
+# (sources.list.d/*.sources) goes, stanza by stanza, to a file of the same name.
+derive_source_entries() {
+  local etc="$1" out="$2" f
+  rm -rf "$out/sources.list.d"
+  mkdir -p "$out/sources.list.d"
+  : > "$out/sources.list"
+  for f in "$etc/sources.list" "$etc"/sources.list.d/*.list; do
+    [ -f "$f" ] || continue
+    awk '$1 == "deb" || $1 == "deb-src" { $1 = "deb-src"; print }' "$f" >> "$out/sources.list"
+  done
+  sort -u -o "$out/sources.list" "$out/sources.list"
+  for f in "$etc"/sources.list.d/*.sources; do
+    [ -f "$f" ] || continue
+    # Paragraph mode: one record per stanza; field names are case-insensitive, values may be
+    # continued on indented lines, which are copied as they stand.
+    awk 'BEGIN { RS = ""; FS = "\n" }
+      { out = ""; keep = 0
+        for (i = 1; i <= NF; i++) {
+          line = $i
+          if (tolower(line) ~ /^types:/) {
+            n = split(substr(line, 7), types, /[ \t]+/)
+            for (t = 1; t <= n; t++) if (types[t] == "deb" || types[t] == "deb-src") keep = 1
+            line = "Types: deb-src"
+          }
+          out = out line "\n"
+        }
+        if (keep) printf "%s%s", (stanzas++ ? "\n" : ""), out
+      }' "$f" > "$out/sources.list.d/$(basename "$f")"
+    [ -s "$out/sources.list.d/$(basename "$f")" ] || rm -f "$out/sources.list.d/$(basename "$f")"
+  done
+  if [ ! -s "$out/sources.list" ] && [ -z "$(ls -A "$out/sources.list.d")" ]; then
+    echo "setup: no deb entries in $etc; cannot fetch the jsoncpp sources" >&2
+    return 1
+  fi
+}
+
 # jsoncpp from Debian's source package, fetched through a private sources list and apt state
 # directory so that the machine's own apt configuration is left as it was.
 if [ ! -f "$DEPS/jsoncpp/bin/KxsJson.dll" ]; then
@@ -26,10 +65,8 @@ if [ ! -f "$DEPS/jsoncpp/bin/KxsJson.dll" ]; then
   if [ ! -d "$src/jsoncpp" ]; then
     aptdir="$DEPS/apt"
     mkdir -p "$aptdir/lists/partial" "$aptdir/cache/archives/partial" "$aptdir/etc" "$src"
-    cat > "$aptdir/etc/sources.list" <<SRC
-deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] http://deb.debian.org/debian bookworm main
-SRC
-    opts=(-o Dir::Etc::SourceList="$aptdir/etc/sources.list" -o Dir::Etc::SourceParts=/dev/null
+    derive_source_entries "${AVSCAN_APT_ETC:-/etc/apt}" "$aptdir/etc"
+    opts=(-o Dir::Etc::SourceList="$aptdir/etc/sources.list" -o Dir::Etc::SourceParts="$aptdir/etc/sources.list.d"
           -o Dir::State::Lists="$aptdir/lists" -o Dir::Cache="$aptdir/cache" -o Dir::State::status=/var/lib/dpkg/status)
     apt-get "${opts[@]}" update -qq
     (cd "$src" && apt-get "${opts[@]}" source --download-only -qq libjsoncpp=1.9.5-4)

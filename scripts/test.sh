@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Sets up the machine, builds everything and runs every test under Wine through CTest.
+# Sets up the machine, builds everything, packs the release and runs every test under Wine through
+# CTest, the release check among them.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
 build="${AVSCAN_BUILD:-$here/build}"
 bash "$here/scripts/setup.sh"
 cmake -S "$here" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$here/cmake/mingw-w64-posix.cmake" >/dev/null
 cmake --build "$build" -j"$(nproc)"
+# The release ZIP, for the release check among the tests (example host built against it).
+bash "$here/scripts/package.sh" >/dev/null
 source "$here/scripts/wine-env.sh" "$build"
 ctest --test-dir "$build" --output-on-failure --timeout 600 -j"$(nproc)" "$@"
