@@ -1,6 +1,7 @@
 // Load: eight callers hammer IAntivirusScan with a fixed-seed mix of every slot while the
 // remote-scan plug-in fires its events and the update plug-in delivers "Antivirus" installations.
-// A watchdog fails the run when a thread makes no progress for five seconds. Afterwards the
+// The scan provider refuses one backup option in four, so that EnableBackup rolls back under load,
+// and the feature table grows to thousands of names. A watchdog fails the run when a thread makes no progress for five seconds. Afterwards the
 // settings file must hold what the plug-in answers, every sink call must have been consistent,
 // and every plug-in and settings section must have been handed back.
 #include "tests/common/ScanSlots.h"
@@ -21,8 +22,18 @@ using namespace testing_support;
 using namespace testing_support::slots;
 namespace ids = qv::kxsdk::ids;
 
-const wchar_t* const kFeatures[] = {L"Quarantine", L"Firewall", L"quarantine", L"WebShield"};
-constexpr int kCallers = 8, kThreads = kCallers + 2;
+constexpr int kCallers = 8, kThreads = kCallers + 2, kGeneratedFeatures = 3000;
+constexpr DWORD kRefused = 1460;
+
+// Names differing only in case first, then thousands more.
+const std::vector<std::wstring>& Features() {
+    static const std::vector<std::wstring> names = [] {
+        std::vector<std::wstring> all = {L"Quarantine", L"Firewall", L"quarantine", L"WebShield"};
+        for (int i = 0; i < kGeneratedFeatures; ++i) all.push_back(L"Feature." + std::to_wstring(i));
+        return all;
+    }();
+    return names;
+}
 constexpr DWORD kHangMs = 5000;
 
 DWORD LoadMilliseconds() {  // AVSCAN_STRESS_SECONDS changes the length for a local run
@@ -56,6 +67,12 @@ struct Reloads {
     std::atomic<int> count{0};
 };
 
+// Mostly the four hand-picked names, so that they change often; the rest spread over the many.
+template <class Pick> const std::wstring& FeatureName(Pick& pick) {
+    const std::vector<std::wstring>& names = Features();
+    return pick(2) == 0 ? names[pick(4)] : names[pick(static_cast<int>(names.size()))];
+}
+
 // One caller's three sinks; each call must come while that sink is registered.
 class Sinks : public IAntivirusScan::ISettingsEvents,
               public IAntivirusScan::IEnginesEvents,
@@ -67,7 +84,7 @@ public:
     int OnBackupStatusChanged(bool) override { return Seen(0, "backup"); }
     int OnFeatureStatusChanged(const qv::StringW& name, bool) override {
         bool known = false;
-        for (const wchar_t* f : kFeatures) known = known || name == f;
+        for (const std::wstring& f : Features()) known = known || name == f.c_str();
         faults_.Check(!known, "feature event for an unknown name");
         return Seen(0, "feature");
     }
@@ -122,7 +139,7 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
     plugin.env.update.SetStatistic(L"Antivirus", L"1.2.3", 42);
     Faults faults;
     Reloads reloads;
-    std::atomic<long> sinkCalls{0}, calls{0}, fires{0}, deliveries{0};
+    std::atomic<long> sinkCalls{0}, calls{0}, fires{0}, deliveries{0}, rollbacks{0};
     std::vector<std::wstring> paths;
     for (int i = 0; i < 3; ++i) reloads.paths.insert(*paths.insert(paths.end(), engines + L"\\kit" + std::to_wstring(i)));
     plugin.env.scanSp.SetReloadHandler([&reloads] {  // one reload in four fails
@@ -161,12 +178,16 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
             const std::function<bool()> ops[] = {
                 [&] { ScanType t; return GetScanType(scan, &t) == 0 && t == qv::kxsdk::AntivirusScan::Full; },
                 [&] { ScanMode p, f; return GetScanModes(scan, &p, &f) == 0 && ValidFullPair(p, f); },
-                [&] { return EnableBackup(scan, pick(2) == 1) == 0; },
+                [&] {  // refused by the provider: rolled back
+                    const DWORD result = EnableBackup(scan, pick(2) == 1);
+                    if (result == ERROR_INTERNAL_ERROR) ++rollbacks;
+                    return result == 0 || result == ERROR_INTERNAL_ERROR;
+                },
                 [&] { bool on; return IsBackupEnabled(scan, &on) == 0; },
                 [&] { qv::StringW v; return GetEnginesVersion(scan, &v) == 0 && v == L"1.2.3"; },
                 [&] { uint64_t c = 0; return GetSignaturesCount(scan, &c) == 0 && c == 42; },
-                [&] { return SetFeatureStatus(scan, qv::StringW(kFeatures[pick(4)]), pick(2) == 1) == 0; },
-                [&] { bool l; return GetFeatureStatus(scan, qv::StringW(kFeatures[pick(4)]), &l) == 0; },
+                [&] { return SetFeatureStatus(scan, qv::StringW(FeatureName(pick).c_str()), pick(2) == 1) == 0; },
+                [&] { bool l; return GetFeatureStatus(scan, qv::StringW(FeatureName(pick).c_str()), &l) == 0; },
                 [&] { return ReportHashChain(scan, pick(2) == 1) == 0; },
                 [&] { HashChainSettings hc; return GetHashChainSettings(scan, &hc) == 0; },
                 [&] { return ReportSignatureInfo(scan, pick(2) == 1) == 0; },
@@ -204,6 +225,7 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
             tick[kCallers] = GetTickCount();
             const int what = static_cast<int>(random() % 3);
             remote.SetFallbackMode(random() % 3);
+            plugin.env.scanSp.SetOptionResultFor(9, random() % 4 == 0 ? kRefused : 0);
             const bool on = random() % 2 == 0;
             if (what == 0) remote.SetStatus(on);
             const DWORD r = what == 0   ? remote.FireStatusChanged(on, kHangMs * 2)
@@ -238,6 +260,7 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
     EXPECT_GT(sinkCalls.load(), 0);
     EXPECT_GT(reloads.count.load(), 0);
     EXPECT_GT(fires.load(), 0);
+    EXPECT_GT(rollbacks.load(), 0);
     EXPECT_FALSE(LineStartingWith(L"unexpected exception"));
 
     // The settings file holds exactly what the plug-in answers.
@@ -252,10 +275,10 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
     EXPECT_EQ(Json::Value(backup), section["enableBackup"]);
     EXPECT_EQ(Json::Value(hashChain.enabled), section["reportHashChain"]["enabled"]);
     EXPECT_EQ(Json::Value(signatureInfo), section["reportSignatureInfo"]);
-    for (const wchar_t* feature : kFeatures) {
+    for (const std::wstring& feature : Features()) {
         bool locked = false;
-        ASSERT_EQ(0u, GetFeatureStatus(scan, qv::StringW(feature), &locked));
-        const std::string key(feature, feature + wcslen(feature));
+        ASSERT_EQ(0u, GetFeatureStatus(scan, qv::StringW(feature.c_str()), &locked));
+        const std::string key(feature.begin(), feature.end());
         EXPECT_EQ(Json::Value(locked), section.isMember(key) ? section[key] : Json::Value(true)) << key;
     }
     int lastBackup = -1;  // the provider runs with the backup value the plug-in reports
@@ -267,8 +290,9 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
     EXPECT_TRUE(plugin.env.manager.Balanced()) << "plug-in gets and releases do not balance";
     EXPECT_EQ(0, plugin.env.settings.Outstanding()) << "settings sections not released";
     EXPECT_EQ(0, plugin.env.scanSp.OutstandingInterfaces());
-    printf("load held: %ld interface calls, %ld remote-scan events, %ld installations (%d reloads), %ld sink calls\n",
-           calls.load(), fires.load(), deliveries.load(), reloads.count.load(), sinkCalls.load());
+    printf("load held: %ld interface calls, %ld remote-scan events, %ld installations (%d reloads), %ld sink calls, "
+           "%ld backup rollbacks\n",
+           calls.load(), fires.load(), deliveries.load(), reloads.count.load(), sinkCalls.load(), rollbacks.load());
     plugin.env.scanSp.SetReloadHandler(nullptr);
     RemoveFolder(root);
 }
