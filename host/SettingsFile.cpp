@@ -69,7 +69,30 @@ bool WithinDepth(const Json::Value& value, size_t levelsAbove) {
     return true;
 }
 
+// Measures the nesting of the text before jsoncpp does: past its stack limit the reader throws
+// from the deepest of its recursive calls, and unwinding a thousand frames under Wine's exception
+// dispatch can itself run out of stack.
+bool TextWithinDepth(const std::string& text) {
+    size_t depth = 0;
+    bool inString = false, escaped = false;
+    for (const char c : text) {
+        if (inString) {
+            if (escaped) escaped = false;
+            else if (c == '\\') escaped = true;
+            else if (c == '"') inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '{' || c == '[') {
+            if (++depth > kMaxDepth) return false;
+        } else if ((c == '}' || c == ']') && depth > 0) {
+            --depth;
+        }
+    }
+    return true;
+}
+
 bool ParseDocument(const std::string& text, Json::Value& document) {
+    if (!TextWithinDepth(text)) return false;
     try {
         Json::CharReaderBuilder builder;
         Json::CharReaderBuilder::strictMode(&builder.settings_);

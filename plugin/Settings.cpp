@@ -24,11 +24,9 @@ bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
                 // Only the member is converted: whatever else the object carries, however large
                 // or deep, is never walked.
                 out.hashChain.enabled = Value::FromJson(*enabled).AsBool();
-            } catch (const ValueException& e) {
-                // A member nested too deeply leaves the switch as it was.
-                QV_FUNCTION(L"AntivirusScanAL::LoadSettings");
-                QV_LOG(LOG_SEV_WARNING, L"Cannot read setting [key = %s] [error = %s]", L"reportHashChain",
-                       StringW::FromUtf8(e.what()).c_str());
+            } catch (const ValueException&) {
+                // An ill-typed or too deeply nested member leaves the switch as it was, silently,
+                // as any ill-typed key of the document does.
             }
         }
     }

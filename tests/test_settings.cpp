@@ -224,13 +224,11 @@ TEST_F(Settings, ValuesOfTheWrongShapeTakeTheirDefaults) {
 
 // "reportHashChain" whose "enabled" is nested `levels` objects deep, read by Init on a thread with
 // a host's 1 MiB stack. The plug-in converts at most 256 levels (past them the switch keeps its
-// default and the reason is logged); the store holds documents of at most 1,000 levels in all and
+// default, silently, as with any ill-typed key); the store holds documents of at most 1,000 levels in all and
 // starts empty from a deeper file. Nothing overflows a stack, however deep the file.
 TEST_F(Settings, DeeplyNestedDocumentsOnAHostThreadStack) {
     const std::wstring folder = TempFolder(L"deep-settings");
     const std::wstring file = folder + L"\\settings.json";
-    const std::wstring tooDeep =
-        L"Cannot read setting [key = reportHashChain] [error = exception: nesting too deep [limit = 256 levels]]";
     struct Case {
         int levels;
         bool stored, hashChain;
@@ -250,7 +248,7 @@ TEST_F(Settings, DeeplyNestedDocumentsOnAHostThreadStack) {
         EXPECT_EQ(0u, result);
         EXPECT_EQ(c.stored, BackupOf(plugin.scan)) << "the other keys load as usual";
         EXPECT_EQ(c.hashChain, HashChainOf(plugin.scan));
-        EXPECT_EQ(c.stored && !c.hashChain ? 1 : 0, CountOf(tooDeep));
+        EXPECT_FALSE(avhost::Contains(L"nesting too deep")) << "an ill-typed key takes its default silently";
         if (!c.stored) EXPECT_TRUE(LineWith(L"[backup = 0]", 32));
         EXPECT_FALSE(avhost::Contains(L"Cannot load settings."));
         EXPECT_EQ(0, store().Outstanding());
@@ -260,10 +258,12 @@ TEST_F(Settings, DeeplyNestedDocumentsOnAHostThreadStack) {
     store().UseFile(L"");
     ASSERT_TRUE(store().SetDocument(WithSection(GoodSection())));
     for (int levels : {10000, 100000}) {
-        Json::Value section = GoodSection();
-        section["reportHashChain"]["enabled"] = NestedEnabled(levels);
-        EXPECT_FALSE(store().SetDocument(WithSection(section))) << levels;
-        ReleaseDeep(section);
+        // Built in place and torn down without recursion: jsoncpp copies and destroys values
+        // recursively, and a copy this deep would overflow the test's own stack.
+        Json::Value document = WithSection(GoodSection());
+        document["/AntivirusScan"]["reportHashChain"]["enabled"] = NestedEnabled(levels);
+        EXPECT_FALSE(store().SetDocument(document)) << levels;
+        ReleaseDeep(document);
     }
     EXPECT_EQ(GoodSection(), Section());
     RemoveFolder(folder);
