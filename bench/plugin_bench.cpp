@@ -5,7 +5,7 @@
 #include "bench/common/LogLibrary.h"
 #include "bench/common/PluginHost.h"
 #include "bench/common/SiblingClock.h"
-#include "support/QvMap.h"
+#include "sdk/QvMap.h"
 
 #include <psapi.h>
 

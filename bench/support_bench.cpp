@@ -5,7 +5,7 @@
 #include "support/Log.h"
 #include "support/QvValue.h"
 #include "support/SinkContainer.h"
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 #include "support/SyncRWLock.h"
 
 #include <json/json.h>

@@ -4,9 +4,9 @@
 #include "plugin/ServPlugin.h"
 #include "support/CriticalSection.h"
 #include "support/Log.h"
-#include "support/QvMap.h"
+#include "sdk/QvMap.h"
 #include "support/SinkContainer.h"
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 #include <atomic>
 #include <vector>

@@ -1,6 +1,6 @@
 #pragma once
 #include "sdk/IAntivirusScan.h"
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 namespace qv {
 

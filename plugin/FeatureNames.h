@@ -2,7 +2,7 @@
 // Feature locks are kept under their own names in the module's settings section, beside the
 // module's fixed keys, and the store reads every "/" in a key as a step down a path. A feature
 // name that could reach one of those keys is refused before anything is stored or cached.
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 namespace qv {
 

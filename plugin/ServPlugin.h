@@ -12,7 +12,7 @@
 #include "support/CriticalSection.h"
 #include "support/Log.h"
 #include "support/RundownProtection.h"
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 #include <atomic>
 

@@ -1,7 +1,7 @@
 #pragma once
 // Reader of the engines kit's "Plugins\update.txt": line 2 carries the signature count and
 // line 4 the version, each as the last blank-separated word of its line.
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 #include <cstddef>
 

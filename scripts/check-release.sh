@@ -15,11 +15,15 @@ rm -rf "$work" && mkdir -p "$work"
 unzip -q "$zip" -d "$work"
 pkg="$work/AntivirusScan-$version-win64"
 for f in README.md CHANGES bin/AntivirusScan.AL bin/AntivirusScan.AL.debug bin/AntivirusScan.pdb bin/KxsJson.dll \
-         include/sdk/IAntivirusScan.h include/support/StringT.h include/json/json.h \
+         include/sdk/IAntivirusScan.h include/sdk/StringT.h include/json/json.h \
          lib/libAntivirusScanSdk.a lib/libKxsJson.dll.a \
          lib/cmake/AntivirusScanSdk/AntivirusScanSdkConfig.cmake lib/cmake/AntivirusScanSdk/AntivirusScanSdkConfigVersion.cmake; do
   [ -f "$pkg/$f" ] || fail "$f missing from the package"
 done
+
+# The SDK stands on its own: include/ holds sdk/ and jsoncpp, nothing of the implementation.
+included=$(cd "$pkg/include" && ls | xargs)
+[ "$included" = "json sdk" ] || fail "include/ holds $included, not just json and sdk"
 
 # The binary contract: two exports, the same imported DLLs.
 dll="$pkg/bin/AntivirusScan.AL"

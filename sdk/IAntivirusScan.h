@@ -1,7 +1,7 @@
 #pragma once
 // The published interface of this plug-in, for the host's other plug-ins.
 #include "sdk/QvBase.h"
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 namespace qv { namespace kxsdk { namespace AntivirusScan {
 

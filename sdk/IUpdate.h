@@ -2,9 +2,9 @@
 // The update plug-in ("Update.UpdateAL"): downloads and installs components, keeps their
 // signature statistics and can restart the security service.
 #include "sdk/QvBase.h"
-#include "support/QvList.h"
-#include "support/QvMap.h"
-#include "support/StringT.h"
+#include "sdk/QvList.h"
+#include "sdk/QvMap.h"
+#include "sdk/StringT.h"
 
 namespace qv { namespace kxsdk { namespace Update {
 

@@ -1,7 +1,7 @@
 #pragma once
 // Path and folder helpers on wide paths. File-system failures come back as false; nothing here
 // logs, so the helpers can be used by the logging code itself.
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 namespace qv { namespace file {
 

@@ -5,7 +5,7 @@
 // link between the check and the action therefore cannot redirect the action: a link is removed
 // as a link, or kept, and never followed. Nothing here logs (the logging code uses these helpers);
 // entries kept are reported to the caller instead.
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 #include "support/WinHandle.h"
 
 #include <functional>

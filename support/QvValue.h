@@ -3,7 +3,7 @@
 // meets jsoncpp only at the edges (FromJson / ToJson). Every accessor checks the kind of the node
 // it is applied to and throws ValueException naming the expected kind, the actual kind and the
 // whole node as text, so a settings document of the wrong shape is reported, not misread.
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 #include <json/forwards.h>
 

@@ -1,4 +1,4 @@
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 #include <windows.h>
 #include <cstdlib>

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "sdk/IUpdate.h"
-#include "support/QvList.h"
-#include "support/QvMap.h"
+#include "sdk/QvList.h"
+#include "sdk/QvMap.h"
 
 namespace {
 

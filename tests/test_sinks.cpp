@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "support/SinkContainer.h"
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 #include "tests/common/ThreadProbe.h"
 
 using qvtest::kBlockedMs;

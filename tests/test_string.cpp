@@ -1,5 +1,5 @@
 // The guarded wide string: growth, block layout, formatting, UTF-8, parsing and corruption.
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 #include "tests/common/ChildProcess.h"
 
 #include <gtest/gtest.h>

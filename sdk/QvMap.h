@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/StringT.h"
+#include "sdk/StringT.h"
 
 namespace qv {
 
