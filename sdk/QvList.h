@@ -9,12 +9,18 @@
 #include <stdexcept>
 #include <utility>
 
+#include "sdk/LayoutCheck.h"
+
 namespace qv {
 
 struct ListLink {
     ListLink* next;
     ListLink* prev;
 };
+
+#if QV_SDK_CHECK_LAYOUT
+static_assert(sizeof(ListLink) == 16 && offsetof(ListLink, next) == 0 && offsetof(ListLink, prev) == 8, "ListLink");
+#endif
 
 template <class T>
 struct ListNode : ListLink {

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "sdk/LayoutCheck.h"
 #include "sdk/StringT.h"
 
 namespace qv {
@@ -43,6 +44,10 @@ struct MapLink {
     MapLink* next;
     MapLink* prev;
 };
+
+#if QV_SDK_CHECK_LAYOUT
+static_assert(sizeof(MapLink) == 16 && offsetof(MapLink, next) == 0 && offsetof(MapLink, prev) == 8, "MapLink");
+#endif
 
 template <class K, class V>
 struct MapNode : MapLink {

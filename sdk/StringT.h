@@ -9,6 +9,8 @@
 #include <string>
 #include <wchar.h>
 
+#include "sdk/LayoutCheck.h"
+
 namespace qv {
 
 struct IMemMgr {
@@ -42,6 +44,19 @@ public:
     static constexpr size_t npos = static_cast<size_t>(-1);
     static constexpr uint32_t kGuard = 0x0000ABCD;
     static constexpr size_t kGrowth = 64;
+
+    // The character block, in byte offsets from its start: guard, header pointer, guard, the
+    // characters (where the string points) with the terminator and one more zero slot, and the
+    // trailing guard behind them. Every module that touches a string reads these same offsets.
+    static constexpr size_t kFirstGuardOffset = 0;
+    static constexpr size_t kHeaderPointerOffset = 4;
+    static constexpr size_t kSecondGuardOffset = 12;
+    static constexpr size_t kCharsOffset = 16;
+    // Bytes of a block besides its capacity's characters.
+    static constexpr size_t kBlockOverhead = 22;
+    static constexpr uint64_t TrailingGuardOffset(uint64_t capacity) {
+        return kCharsOffset + capacity * sizeof(wchar_t) + sizeof(wchar_t);
+    }
 
     struct Header {
         IMemMgr* manager;
@@ -109,16 +124,14 @@ public:
     void CheckValid() const {
         const Header* h = HeaderPtr();
         if (!h) return;
-        const unsigned char* block = reinterpret_cast<const unsigned char*>(p_) - kLeadBytes;
-        if (ReadWord(block) != kGuard || ReadWord(block + 12) != kGuard ||
-            ReadWord(block + kLeadBytes + h->capacity * 2 + 2) != kGuard) {
+        const unsigned char* block = reinterpret_cast<const unsigned char*>(p_) - kCharsOffset;
+        if (ReadWord(block + kFirstGuardOffset) != kGuard || ReadWord(block + kSecondGuardOffset) != kGuard ||
+            ReadWord(block + TrailingGuardOffset(h->capacity)) != kGuard) {
             Corrupt();
         }
     }
 
 private:
-    // Guard, header pointer, guard: the bytes in front of the characters.
-    static constexpr size_t kLeadBytes = 16;
     static uint32_t ReadWord(const unsigned char* at) {
         uint32_t v;
         memcpy(&v, at, sizeof v);
@@ -127,7 +140,7 @@ private:
     Header* HeaderPtr() const {
         if (!p_) return nullptr;
         Header* h;
-        memcpy(&h, reinterpret_cast<const unsigned char*>(p_) - kLeadBytes + 4, sizeof h);
+        memcpy(&h, reinterpret_cast<const unsigned char*>(p_) - kCharsOffset + kHeaderPointerOffset, sizeof h);
         return h;
     }
     [[noreturn]] static void Corrupt();
@@ -139,6 +152,29 @@ private:
 };
 
 using StringW = StringT<wchar_t, StringMemMgr, ChTraitsCRT<wchar_t>, 1>;
+
+// The block's parts follow each other without gaps, on every target.
+static_assert(StringW::kHeaderPointerOffset == StringW::kFirstGuardOffset + sizeof(uint32_t), "string block");
+static_assert(StringW::kSecondGuardOffset == StringW::kHeaderPointerOffset + sizeof(StringW::Header*), "string block");
+static_assert(StringW::kCharsOffset == StringW::kSecondGuardOffset + sizeof(uint32_t), "string block");
+static_assert(StringW::kBlockOverhead == StringW::kCharsOffset + sizeof(wchar_t) + sizeof(uint32_t), "string block");
+static_assert(sizeof(StringW::kGuard) == 4, "string block guard word");
+
+#if QV_SDK_CHECK_LAYOUT
+static_assert(sizeof(wchar_t) == 2, "UTF-16 code units");
+static_assert(sizeof(StringW) == 8, "a string is one pointer");
+static_assert(StringW::kFirstGuardOffset == 0 && StringW::kHeaderPointerOffset == 4 &&
+                  StringW::kSecondGuardOffset == 12 && StringW::kCharsOffset == 16 &&
+                  StringW::kBlockOverhead == 22 && StringW::TrailingGuardOffset(64) == 146,
+              "string block offsets");
+static_assert(sizeof(StringW::Header) == 40, "string header");
+static_assert(offsetof(StringW::Header, manager) == 0, "string header");
+static_assert(offsetof(StringW::Header, length) == 8, "string header");
+static_assert(offsetof(StringW::Header, capacity) == 16, "string header");
+static_assert(offsetof(StringW::Header, growth) == 24, "string header");
+static_assert(offsetof(StringW::Header, ownsBlock) == 32, "string header");
+static_assert(offsetof(StringW::Header, ownsHeader) == 33, "string header");
+#endif
 
 inline bool operator==(const StringW& a, const StringW& b) { return a.Compare(b.c_str()) == 0; }
 inline bool operator!=(const StringW& a, const StringW& b) { return !(a == b); }

@@ -13,8 +13,8 @@ namespace {
 // Constant-initialised, so strings built during static initialisation of any module can use it.
 StringMemMgr g_defaultManager;
 
-constexpr size_t kLeadBytes = 16;     // guard, header pointer, guard
-constexpr size_t kOverheadBytes = 22; // the above, the terminator slot and the trailing guard
+constexpr size_t kLeadBytes = StringW::kCharsOffset;
+constexpr size_t kOverheadBytes = StringW::kBlockOverhead;
 
 size_t BlockBytes(size_t capacity) { return capacity * 2 + kOverheadBytes; }
 
@@ -106,10 +106,10 @@ void S::Reserve(size_t count) {
             memcpy(block + kLeadBytes, p_, keep * sizeof(wchar_t));
         }
     }
-    WriteWord(block, kGuard);
-    memcpy(block + 4, &h, sizeof h);
-    WriteWord(block + 12, kGuard);
-    WriteWord(block + kLeadBytes + count * 2 + 2, kGuard);
+    WriteWord(block + kFirstGuardOffset, kGuard);
+    memcpy(block + kHeaderPointerOffset, &h, sizeof h);
+    WriteWord(block + kSecondGuardOffset, kGuard);
+    WriteWord(block + TrailingGuardOffset(count), kGuard);
     p_ = reinterpret_cast<wchar_t*>(block + kLeadBytes);
     p_[count] = 0;
     h->capacity = count;
