@@ -1,7 +1,10 @@
 #pragma once
 // AntivirusScan.AL loaded as the service loads it: LoadLibraryW and the two exports resolved by
 // name. Shared by the tests and the benchmarks, which drive the object through slot numbers.
+#include "sdk/IAntivirusScan.h"
+#include "sdk/IUpdate.h"
 #include "sdk/PluginIds.h"
+#include "sdk/QvBase.h"
 
 #include <string>
 
@@ -18,30 +21,12 @@ template <class R, class... Args> R CallSlot(void* object, int slot, Args... arg
     return reinterpret_cast<Fn>(vtable[slot])(object, args...);
 }
 
-// Slot numbers of the object's faces: the binary contract that a caller's compiled code uses.
+// Slot numbers of the object's faces and of the update plug-in's event face, from the interfaces
+// they number: the binary contract that a caller's compiled code uses.
 namespace slots {
-enum Lifecycle { kQueryInterface = 0, kInit = 1, kUnInit = 2, kStart = 3, kStop = 4, kDelayedStart = 5 };
-enum Scan {
-    kRegisterEnginesEvents = 0,
-    kRegisterScanEvents = 1,
-    kRegisterSettingsEvents = 2,
-    kUnregisterEnginesEvents = 3,
-    kUnregisterScanEvents = 4,
-    kUnregisterSettingsEvents = 5,
-    kGetScanType = 6,
-    kGetScanModes = 7,
-    kEnableBackup = 8,
-    kIsBackupEnabled = 9,
-    kGetEnginesVersion = 10,
-    kGetSignaturesCount = 11,
-    kSetFeatureStatus = 12,
-    kGetFeatureStatus = 13,
-    kReportHashChain = 14,
-    kGetHashChainSettings = 15,
-    kReportSignatureInfo = 16,
-    kIsSignatureInfoReported = 17,
-};
-constexpr int kOnComponentInstalled = 7;  // of the IUpdate::IEvents face
+using namespace qv::kxsdk::slots;                 // Lifecycle
+using namespace qv::kxsdk::AntivirusScan::slots;  // Scan
+using namespace qv::kxsdk::Update::slots;         // kOnComponentInstalled
 } // namespace slots
 
 // Folder of the running program, without a trailing backslash.

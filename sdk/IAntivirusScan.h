@@ -1,5 +1,8 @@
 #pragma once
 // The published interface of this plug-in, for the host's other plug-ins.
+// A released interface never changes: its slots keep their order, arguments and meaning, and new
+// operations go into a new interface with an id of its own.
+#include "sdk/LayoutCheck.h"
 #include "sdk/QvBase.h"
 #include "sdk/StringT.h"
 
@@ -67,4 +70,40 @@ struct IAntivirusScan {
 
 constexpr DWORD kRecoveryInProgress = 0x8004D082; // XACT_E_RECOVERYINPROGRESS
 
+// Slot numbers of IAntivirusScan, the binary contract that a caller's compiled code uses.
+namespace slots {
+enum Scan {
+    kRegisterEnginesEvents = 0,
+    kRegisterScanEvents = 1,
+    kRegisterSettingsEvents = 2,
+    kUnregisterEnginesEvents = 3,
+    kUnregisterScanEvents = 4,
+    kUnregisterSettingsEvents = 5,
+    kGetScanType = 6,
+    kGetScanModes = 7,
+    kEnableBackup = 8,
+    kIsBackupEnabled = 9,
+    kGetEnginesVersion = 10,
+    kGetSignaturesCount = 11,
+    kSetFeatureStatus = 12,
+    kGetFeatureStatus = 13,
+    kReportHashChain = 14,
+    kGetHashChainSettings = 15,
+    kReportSignatureInfo = 16,
+    kIsSignatureInfoReported = 17,
+};
+} // namespace slots
+
 }}} // namespace qv::kxsdk::AntivirusScan
+
+namespace qv { namespace kxsdk { namespace ids {
+// The IAntivirusScan face of the AntivirusScan object.
+constexpr GUID kAntivirusScanFaceId = MakeInterfaceId(0x8BD9C31D0510F31Aull, 0x51CEB7407EDE4363ull);
+}}} // namespace qv::kxsdk::ids
+
+#if QV_SDK_CHECK_LAYOUT
+static_assert(sizeof(qv::kxsdk::AntivirusScan::ScanType) == 4, "scan type");
+static_assert(sizeof(qv::kxsdk::AntivirusScan::ScanMode) == 4, "scan mode");
+static_assert(sizeof(qv::kxsdk::AntivirusScan::HashChainSettings) == 1, "hash-chain settings");
+static_assert(offsetof(qv::kxsdk::AntivirusScan::HashChainSettings, enabled) == 0, "hash-chain settings");
+#endif

@@ -1,8 +1,11 @@
 #pragma once
 // The settings store ("KXSettings"): sections of JSON documents addressed by path. Keys with a
 // "/" in them are paths below the section; the store resolves them. Every set is durable by itself.
+// A released interface never changes: its slots keep their order, arguments and meaning, and new
+// operations go into a new interface with an id of its own.
+// Json::Value is only named here: callers that build or read values include <json/json.h>.
 #include "sdk/QvBase.h"
-#include <json/json.h>
+#include <json/forwards.h>
 #include <string>
 
 struct IKXSettingsSection {
@@ -25,3 +28,7 @@ struct IKXSettings {
     virtual IKXSettingsSection* OpenSection(const wchar_t* path, uint32_t reserved1, uint32_t reserved2,
                                             uint32_t reserved3) = 0;
 };
+
+namespace qv { namespace kxsdk { namespace ids {
+constexpr GUID kSettingsId = MakeInterfaceId(0xA7437BACBCFD0D41ull, 0xA1A3677FC7A64ED6ull);
+}}} // namespace qv::kxsdk::ids

@@ -1,5 +1,7 @@
 #pragma once
 // The remote-scan plug-in ("AntivirusScan.Remote"): state of the remote scanning service.
+// A released interface never changes: its slots keep their order, arguments and meaning, and new
+// operations go into a new interface with an id of its own.
 #include "sdk/QvBase.h"
 
 namespace qv { namespace kxsdk { namespace AntivirusScan {
@@ -34,3 +36,7 @@ struct IRemoteScan {
 };
 
 }}} // namespace qv::kxsdk::AntivirusScan
+
+namespace qv { namespace kxsdk { namespace ids {
+constexpr GUID kRemoteScanId = MakeInterfaceId(0xBB4746611F985942ull, 0xB58B31E4438C42E6ull);
+}}} // namespace qv::kxsdk::ids

@@ -1,5 +1,7 @@
 #pragma once
 // The scan service provider ("scansp"), owner of the scanning engines.
+// A released interface never changes: its slots keep their order, arguments and meaning, and new
+// operations go into a new interface with an id of its own.
 #include "sdk/QvBase.h"
 
 // Crash-handler interface of the provider, obtained through IScanSp::GetInterface.
@@ -25,3 +27,7 @@ constexpr uint32_t kOptionSilentSubmitDefaultAction = 6002;
 // {840BC59B-90C4-A238-9049-76B0CBDE3FD0}
 constexpr GUID kCrashHandlerId = {0x840BC59B, 0x90C4, 0xA238, {0x90, 0x49, 0x76, 0xB0, 0xCB, 0xDE, 0x3F, 0xD0}};
 }}} // namespace qv::kxsdk::scansp
+
+namespace qv { namespace kxsdk { namespace ids {
+constexpr GUID kScanSpId = MakeInterfaceId(0x941E8A629E28D4D6ull, 0xADE5B3C84B7443B4ull);
+}}} // namespace qv::kxsdk::ids

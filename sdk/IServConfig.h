@@ -1,5 +1,7 @@
 #pragma once
 // The service configuration plug-in ("productinfo"): texts of the installation by (category, name).
+// A released interface never changes: its slots keep their order, arguments and meaning, and new
+// operations go into a new interface with an id of its own.
 #include "sdk/QvBase.h"
 
 struct IServConfig {
@@ -22,3 +24,7 @@ constexpr int32_t kCoreTempCategory = 17;       // "scansp": the provider's core
 constexpr int32_t kEnginesFolderCategory = 2;   // "scansp": the provider's engines folder
 constexpr int32_t kFoldersCategory = 0;         // "signaturesPatterns", "common"
 }}} // namespace qv::kxsdk::config
+
+namespace qv { namespace kxsdk { namespace ids {
+constexpr GUID kServConfigId = MakeInterfaceId(0x666B97245666C9D0ull, 0xF666C93D61084666ull);
+}}} // namespace qv::kxsdk::ids

@@ -1,9 +1,14 @@
 #pragma once
 // Base types shared by the host and every plug-in: interface ids, the root interface, the host
-// object and its component manager.
+// object and its component manager, and the host's lifecycle interface with its slot numbers.
+// A released interface never changes: its slots keep their order, arguments and meaning, and new
+// operations go into a new interface with an id of its own.
 #include <windows.h>
 #include <cstdint>
 #include <cstring>
+
+// Ids are compared as 16 bytes, whichever compiler built the caller.
+static_assert(sizeof(GUID) == 16, "interface id");
 
 namespace qv {
 
@@ -58,3 +63,21 @@ struct IServPlugin : IQvBaseInterface {
 struct IDelayedServPlugin : IServPlugin {
     virtual DWORD DelayedStart() = 0;
 };
+
+namespace qv { namespace kxsdk {
+
+// Faces of the AntivirusScan object that share one pointer: IQvBaseInterface, IServPlugin and
+// IDelayedServPlugin. kPrimaryFaceId is the one that creating the object uses.
+namespace ids {
+constexpr GUID kPrimaryFaceId = MakeInterfaceId(0xBC90FCA366551AB3ull, 0x514BE292F7C5425Full);
+constexpr GUID kServPluginFaceId = MakeInterfaceId(0x983304D0414E2323ull, 0xE952825D7C884176ull);
+constexpr GUID kDelayedServPluginFaceId = MakeInterfaceId(0x983304D6666E2323ull, 0xE952DEAD7C884176ull);
+} // namespace ids
+
+// Slot numbers of the lifecycle face (IDelayedServPlugin with its bases), the binary contract that
+// a caller's compiled code uses.
+namespace slots {
+enum Lifecycle { kQueryInterface = 0, kInit = 1, kUnInit = 2, kStart = 3, kStop = 4, kDelayedStart = 5 };
+} // namespace slots
+
+}} // namespace qv::kxsdk
