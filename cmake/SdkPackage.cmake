@@ -1,36 +1,16 @@
-# The release a host team consumes: the plug-in DLL with its symbols, KxsJson, the SDK headers
-# with everything they include, the SDK's string library, and a CMake package configuration so
-# that `find_package(AntivirusScanSdk 1.0 REQUIRED)` gives the imported target AntivirusScan::sdk.
+# The release a host team consumes: the plug-in DLL with its symbols, KxsJson, the SDK headers, the
+# SDK's string library, and a CMake package configuration so that
+# `find_package(AntivirusScanSdk 1.0 REQUIRED)` gives the imported target AntivirusScan::sdk.
 include(CMakePackageConfigHelpers)
 
 # The SDK's string type is compiled code: the host constructs and destroys the strings that cross
 # the interfaces (engine versions, statistics keys), so it links this small library.
 add_library(AntivirusScanSdk STATIC ${CMAKE_SOURCE_DIR}/support/StringT.cpp)
 
-# The sdk/ headers and, transitively, the project headers they include, found from their
-# #include "..." lines so that include/ compiles on its own whatever the headers come to include.
-function(avscan_sdk_headers out)
-  file(GLOB pending RELATIVE ${CMAKE_SOURCE_DIR} CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/sdk/*.h)
-  set(found "")
-  while(pending)
-    list(POP_FRONT pending header)
-    if(header IN_LIST found)
-      continue()
-    endif()
-    list(APPEND found ${header})
-    set_property(DIRECTORY ${CMAKE_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${header})
-    file(STRINGS ${CMAKE_SOURCE_DIR}/${header} lines REGEX "^[ \t]*#[ \t]*include[ \t]*\"[^\"]+\"")
-    foreach(line IN LISTS lines)
-      string(REGEX REPLACE "^[ \t]*#[ \t]*include[ \t]*\"([^\"]+)\".*" "\\1" included "${line}")
-      if(NOT EXISTS ${CMAKE_SOURCE_DIR}/${included})
-        message(FATAL_ERROR "${header} includes ${included}, which is not a project header")
-      endif()
-      list(APPEND pending ${included})
-    endforeach()
-  endwhile()
-  list(SORT found)
-  set(${out} ${found} PARENT_SCOPE)
-endfunction()
+# The sdk/ headers are the whole contract: they include nothing of the implementation (the
+# sdk_alone target of cmake/SdkAloneCheck.cmake fails the build when one does), only each other,
+# jsoncpp and the Windows headers.
+file(GLOB sdk_headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/sdk/*.h)
 
 set(sdk_config_dir lib/cmake/AntivirusScanSdk)
 set(AVSCAN_SDK_LIBRARY libAntivirusScanSdk.a)
@@ -52,11 +32,7 @@ install(CODE "
 ")
 
 # include/ and lib/.
-avscan_sdk_headers(sdk_headers)
-foreach(header IN LISTS sdk_headers)
-  get_filename_component(header_dir ${header} DIRECTORY)
-  install(FILES ${CMAKE_SOURCE_DIR}/${header} DESTINATION include/${header_dir})
-endforeach()
+install(FILES ${sdk_headers} DESTINATION include/sdk)
 install(DIRECTORY ${AVSCAN_DEPS}/jsoncpp/include/json DESTINATION include)
 install(TARGETS AntivirusScanSdk ARCHIVE DESTINATION lib)
 install(FILES ${AVSCAN_DEPS}/jsoncpp/lib/${AVSCAN_JSON_IMPLIB} DESTINATION lib)
