@@ -11,9 +11,8 @@ public:
         ObjectRegistry* registry = ObjectRegistry::AddRef();
         holdsRegistry_ = registry != nullptr;
         if (registry) {
-            registry->Enter();
+            auto lock = registry->Lock();
             registry->Insert(name_, this);
-            registry->Leave();
         }
     }
 

@@ -1,36 +1,38 @@
 #include "entry/ObjectRegistry.h"
 
+#include "support/SpinGuard.h"
+
+#include <new>
+
 namespace qv {
 
 namespace {
 volatile LONG g_spin = 0;
 ObjectRegistry* g_registry = nullptr;
 LONG g_references = 0;
-
-void TakeSpin() {
-    while (InterlockedExchange(&g_spin, 1) != 0) Sleep(1);
-}
-void FreeSpin() { InterlockedExchange(&g_spin, 0); }
 } // namespace
 
 ObjectRegistry* ObjectRegistry::AddRef() {
-    TakeSpin();
+    SpinGuard spin(g_spin);
     if (g_references == 0 && !g_registry) {
         g_registry = new (std::nothrow) ObjectRegistry();
     }
+    // A registry that could not be created is not counted: the caller holds nothing to release.
+    if (!g_registry) return nullptr;
     ++g_references;
-    ObjectRegistry* registry = g_registry;
-    FreeSpin();
-    return registry;
+    return g_registry;
 }
 
 void ObjectRegistry::Release() {
-    TakeSpin();
+    SpinGuard spin(g_spin);
     if (g_references > 0 && --g_references == 0) {
         delete g_registry;
         g_registry = nullptr;
     }
-    FreeSpin();
+}
+
+RegistryReference::RegistryReference() : registry_(ObjectRegistry::AddRef()) {
+    if (!registry_) throw std::bad_alloc();
 }
 
 IObjectConstructor* ObjectRegistry::Find(const wchar_t* name) const {

@@ -1,6 +1,7 @@
 #pragma once
 // Module-wide registry of exported object names and their constructors.
 #include "sdk/QvBase.h"
+#include "support/CriticalSection.h"
 #include <map>
 #include <string>
 
@@ -15,36 +16,52 @@ struct IObjectConstructor {
 class ObjectRegistry {
 public:
     // Each user takes a reference before touching the registry; the first creates it and the
-    // last one to leave destroys it. Guarded by a module-global spin word.
+    // last one to leave destroys it. Guarded by a module-global spin word. Null when the
+    // registry could not be created; no reference is taken then.
     static ObjectRegistry* AddRef();
     static void Release();
 
-    void Enter() { EnterCriticalSection(&lock_); }
-    void Leave() { LeaveCriticalSection(&lock_); }
-    // Call with the registry entered.
+    // The map and every call into a constructor are serialised under this lock.
+    [[nodiscard]] CriticalSection::Guard Lock() noexcept { return lock_.Lock(); }
+    // Call with the registry locked.
     IObjectConstructor* Find(const wchar_t* name) const;
     void Insert(const wchar_t* name, IObjectConstructor* constructor);
     void Remove(const wchar_t* name);
 
 private:
-    ObjectRegistry() { InitializeCriticalSection(&lock_); }
-    ~ObjectRegistry() { DeleteCriticalSection(&lock_); }
+    ObjectRegistry() = default;
+    ~ObjectRegistry() = default;
 
     std::map<std::wstring, IObjectConstructor*> constructors_;
-    CRITICAL_SECTION lock_;
+    CriticalSection lock_;
 };
 
-// A registry reference for the length of a scope, with the registry entered.
-class RegistryScope {
+// One registry reference, taken at construction (std::bad_alloc when the registry cannot be
+// created) and dropped at destruction.
+class RegistryReference {
 public:
-    RegistryScope() : registry_(ObjectRegistry::AddRef()) { registry_->Enter(); }
-    ~RegistryScope() { registry_->Leave(); ObjectRegistry::Release(); }
-    RegistryScope(const RegistryScope&) = delete;
-    RegistryScope& operator=(const RegistryScope&) = delete;
-    ObjectRegistry* operator->() const { return registry_; }
+    RegistryReference();
+    ~RegistryReference() { ObjectRegistry::Release(); }
+    RegistryReference(const RegistryReference&) = delete;
+    RegistryReference& operator=(const RegistryReference&) = delete;
+    ObjectRegistry* Get() const { return registry_; }
 
 private:
     ObjectRegistry* registry_;
+};
+
+// A registry reference for the length of a scope, with the registry locked. The lock is left
+// before the reference is dropped: members go in reverse order.
+class RegistryScope {
+public:
+    RegistryScope() : reference_(), lock_(reference_.Get()->Lock()) {}
+    RegistryScope(const RegistryScope&) = delete;
+    RegistryScope& operator=(const RegistryScope&) = delete;
+    ObjectRegistry* operator->() const { return reference_.Get(); }
+
+private:
+    RegistryReference reference_;
+    CriticalSection::Guard lock_;
 };
 
 } // namespace qv

@@ -155,6 +155,10 @@ private:
     ServPlugin<IKXSettings> settingsPlugin{L"KXSettings"};
     ServPlugin<IServConfig> servConfigPlugin{L"productinfo"};
     Map<StringW, bool> featureLocks;
+    // Guards featureLocks, settings, the two scan modes, the signature cache (version and count)
+    // and coreTempFolder: the members below that change while other threads call in. scanType
+    // and enginesRecoveryInProgress are written only by Init, before Start publishes the object
+    // to other plug-ins, and only read afterwards, so they may be read without it.
     CriticalSection stateLock{1000};
     // Whole switch changes, provider call included; always taken before stateLock.
     CriticalSection switchLock{1000};

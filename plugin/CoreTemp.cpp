@@ -12,7 +12,7 @@ using namespace logging;
 
 void AntivirusScanAL::InitCoreTempFolder() {
     QV_TRACE(L"AntivirusScanAL::InitCoreTempFolder");
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     if (!servConfigPlugin.IsHeld()) return;
     StringW path = ConfigText(kxsdk::config::kCoreTempCategory, L"scansp");
     QV_LOG(LOG_SEV_INFO, L"Core temp %s", path.c_str());
@@ -27,11 +27,13 @@ void AntivirusScanAL::InitCoreTempFolder() {
 }
 
 // Removes every sibling of the core temp folder within its parent and keeps the folder itself.
+// On purpose: the parent is the provider's working area, and what lies beside the folder in use
+// is left over from earlier runs; the folder itself is the provider's current one.
 void AntivirusScanAL::CleanCoreTempFolder() {
     QV_TRACE(L"AntivirusScanAL::CleanCoreTempFolder");
     StringW folder;
     {
-        ScopedLock lock(stateLock);
+        auto lock = stateLock.Lock();
         folder = coreTempFolder;
     }
     if (folder.IsEmpty() || !PathFileExistsW(folder.c_str())) {

@@ -24,12 +24,12 @@ DWORD AntivirusScanAL::GetEnginesVersion(StringW* version) {
         }
         StringW cached;
         {
-            ScopedLock lock(stateLock);
+            auto lock = stateLock.Lock();
             cached = signaturesVersion;
         }
         if (cached.IsEmpty()) {
             ComputeSigInfo();
-            ScopedLock lock(stateLock);
+            auto lock = stateLock.Lock();
             cached = signaturesVersion;
         }
         *version = cached;
@@ -51,12 +51,12 @@ DWORD AntivirusScanAL::GetSignaturesCount(uint64_t* count) {
         }
         uint64_t cached;
         {
-            ScopedLock lock(stateLock);
+            auto lock = stateLock.Lock();
             cached = signaturesCount;
         }
         if (cached == 0) {
             ComputeSigInfo();
-            ScopedLock lock(stateLock);
+            auto lock = stateLock.Lock();
             cached = signaturesCount;
         }
         *count = cached;
@@ -75,7 +75,7 @@ void AntivirusScanAL::ComputeSigInfo() {
     if (!GetEnginesInfoFromUpdate(version, count)) {
         StringW folder;
         {
-            ScopedLock lock(stateLock);
+            auto lock = stateLock.Lock();
             folder = settings.enginesFolder;
         }
         StringW countText;
@@ -85,7 +85,7 @@ void AntivirusScanAL::ComputeSigInfo() {
     }
     QV_LOG(LOG_SEV_INFO, L"Signature [version = %s] [count = %llu]", version.c_str(),
            static_cast<unsigned long long>(count));
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     signaturesVersion = version;
     signaturesCount = count;
 }

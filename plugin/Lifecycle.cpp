@@ -95,7 +95,7 @@ DWORD AntivirusScanAL::InitSteps(IQvHost* host) {
 
     bool backup;
     {
-        ScopedLock lock(stateLock);
+        auto lock = stateLock.Lock();
         backup = settings.enableBackup;
     }
     ApplyBackupStatus(backup);

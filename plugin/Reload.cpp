@@ -97,7 +97,7 @@ DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
 
 void AntivirusScanAL::OnBeforeReload(uint32_t newStatus) {
     QV_TRACE(L"AntivirusScanAL::OnBeforeReload");
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     QV_LOG(LOG_SEV_INFO, L"[lastOk = %s] [oldReloadStatus = %d] [newReloadStatus = %d]",
            settings.enginesFolder.c_str(), static_cast<int>(settings.reloadStatus), static_cast<int>(newStatus));
     SettingsSection section(settingsPlugin);
@@ -110,7 +110,7 @@ void AntivirusScanAL::OnBeforeReload(uint32_t newStatus) {
 
 void AntivirusScanAL::OnReloadSuccessfull() {
     QV_TRACE(L"AntivirusScanAL::OnReloadSuccessfull");
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     const StringW newPath = GetScanSpFolder();
     const StringW oldPath = settings.enginesFolder;
     QV_LOG(LOG_SEV_INFO, L"[oldPath = %s] [newPath = %s]", oldPath.c_str(), newPath.c_str());
@@ -170,7 +170,7 @@ void AntivirusScanAL::LogEnginesFolder() {
     uint32_t status;
     StringW lastOk;
     {
-        ScopedLock lock(stateLock);
+        auto lock = stateLock.Lock();
         status = settings.reloadStatus;
         lastOk = settings.enginesFolder;
     }

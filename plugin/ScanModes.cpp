@@ -21,7 +21,7 @@ bool AntivirusScanAL::InitScanType() {
     if (!servConfigPlugin.IsHeld()) return false;
     StringW text = ConfigText(kxsdk::config::kScanTypeCategory, L"BASE");
     QV_LOG(LOG_SEV_INFO, L"ScanType = %s", text.c_str());
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     if (text.EqualsNoCase(L"full")) {
         scanType = Full;
     } else if (text.EqualsNoCase(L"light")) {
@@ -44,7 +44,7 @@ bool AntivirusScanAL::ComputeScanModes(ScanMode& primary, ScanMode& fallback) {
     bool useFallback = false;
     uint32_t type;
     {
-        ScopedLock lock(stateLock);
+        auto lock = stateLock.Lock();
         type = scanType;
     }
     if (auto remote = remoteScanPlugin.Acquire()) {
@@ -109,7 +109,7 @@ uint32_t AntivirusScanAL::InitScanMode() {
         QV_LOG(LOG_SEV_ERROR, L"Cannot compute scan mode");
         return 0;
     }
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     primaryScanMode = primary;
     fallbackScanMode = fallback;
     return 1;
@@ -120,7 +120,7 @@ bool AntivirusScanAL::RefreshScanModes() {
     ScanMode primary, fallback;
     if (!ComputeScanModes(primary, fallback)) return false;
     {
-        ScopedLock lock(stateLock);
+        auto lock = stateLock.Lock();
         if (primary == primaryScanMode && fallback == fallbackScanMode) return true;
         primaryScanMode = primary;
         fallbackScanMode = fallback;
@@ -138,7 +138,7 @@ DWORD AntivirusScanAL::GetScanType(ScanType* type) {
         QV_LOG(LOG_SEV_ERROR, L"invalid parameter");
         return ERROR_INVALID_PARAMETER;
     }
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     *type = static_cast<ScanType>(scanType);
     return ERROR_SUCCESS;
 }
@@ -155,7 +155,7 @@ DWORD AntivirusScanAL::GetScanModes(ScanMode* primary, ScanMode* fallback) {
         *fallback = ScanModeNone;
         return kRecoveryInProgress;
     }
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     *primary = primaryScanMode;
     *fallback = fallbackScanMode;
     return ERROR_SUCCESS;
@@ -166,7 +166,7 @@ DWORD AntivirusScanAL::OnStatusChanged(bool status) {
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         uint32_t type;
         {
-            ScopedLock lock(stateLock);
+            auto lock = stateLock.Lock();
             type = scanType;
         }
         if (status || type != RemoteOnly) {

@@ -81,10 +81,10 @@ public:
     // Keeps gets and releases of this holder out for a compound step (get, look, hand back).
     class LifecycleLock {
     public:
-        explicit LifecycleLock(ServPlugin& holder) : lock_(holder.lifecycle_) {}
+        explicit LifecycleLock(ServPlugin& holder) : lock_(holder.lifecycle_.Lock()) {}
 
     private:
-        ScopedLock lock_;
+        CriticalSection::Guard lock_;
     };
 
     explicit ServPlugin(const wchar_t* name) : name_(name) {}
@@ -96,7 +96,7 @@ public:
     // is reported missing, and the caller decides.
     bool GetPlugin(IComponentManager* componentManager) {
         QV_TRACE(PluginTraits<T>::kTraceName);
-        ScopedLock lock(lifecycle_);
+        auto lock = lifecycle_.Lock();
         Release();
         if (!componentManager) {
             QV_LOG(logging::LOG_SEV_ERROR, L"Null component manager");
@@ -119,7 +119,7 @@ public:
     // Hands the plug-in back to the manager that served it, by name, once the uses in flight
     // have ended. Never call it while holding a Use of this holder or a lock that a user takes.
     void Release() {
-        ScopedLock lock(lifecycle_);
+        auto lock = lifecycle_.Lock();
         if (!plugin_.load()) return;
         rundown_.CloseAndWait();
         if (manager_) manager_->ReleasePlugin(name_.c_str());

@@ -66,7 +66,7 @@ bool AntivirusScanAL::InitSettings() {
         SaveSettings(loaded);
     }
     QV_LOG(LOG_SEV_INFO, L"[backup = %d]", loaded.enableBackup ? 1 : 0);
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     settings = loaded;
     return true;
 }

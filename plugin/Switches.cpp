@@ -25,9 +25,9 @@ DWORD AntivirusScanAL::EnableBackup(bool status) {
         {
             // From the save to the record update the store is ahead of the record: no other
             // switch may save the record (and with it the old backup value) in between.
-            ScopedLock switching(switchLock);
+            auto switching = switchLock.Lock();
             {
-                ScopedLock lock(stateLock);
+                auto lock = stateLock.Lock();
                 if (status == settings.enableBackup) {
                     QV_LOG(LOG_SEV_INFO, L"already in this state");
                     return ERROR_SUCCESS;
@@ -42,11 +42,11 @@ DWORD AntivirusScanAL::EnableBackup(bool status) {
             if (!ApplyBackupStatus(status)) {
                 QV_LOG(LOG_SEV_ERROR, L"apply failed");
                 // Put the old value back in the store: the provider still runs with it.
-                ScopedLock lock(stateLock);
+                auto lock = stateLock.Lock();
                 SaveSettings(settings);
                 return ERROR_INTERNAL_ERROR;
             }
-            ScopedLock lock(stateLock);
+            auto lock = stateLock.Lock();
             settings.enableBackup = status;
         }
         backupStatusChanged.Fire(status);
@@ -56,7 +56,7 @@ DWORD AntivirusScanAL::EnableBackup(bool status) {
 
 DWORD AntivirusScanAL::IsBackupEnabled(bool* enabled) {
     if (NullOut(L"AntivirusScanAL::IsBackupEnabled", enabled)) return ERROR_INVALID_PARAMETER;
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     *enabled = settings.enableBackup;
     return ERROR_SUCCESS;
 }
@@ -71,7 +71,7 @@ DWORD AntivirusScanAL::ReportHashChain(const HashChainSettings& value) {
 
 DWORD AntivirusScanAL::GetHashChainSettings(HashChainSettings* value) {
     if (NullOut(L"AntivirusScanAL::GetHashChainSettings", value)) return ERROR_INVALID_PARAMETER;
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     *value = settings.hashChain;
     return ERROR_SUCCESS;
 }
@@ -90,8 +90,8 @@ DWORD AntivirusScanAL::ChangeReportingSwitch(const wchar_t* function, bool enabl
     return GuardedSlot(function, [&]() -> DWORD {
         WriteMessage(LOG_SEV_INFO, function, L"[enabled = %d]", enabled ? 1 : 0);
         {
-            ScopedLock switching(switchLock);
-            ScopedLock lock(stateLock);
+            auto switching = switchLock.Lock();
+            auto lock = stateLock.Lock();
             if (enabled == field(settings)) {
                 SaveSettings(settings);
                 WriteMessage(LOG_SEV_INFO, function, L"already in this state");
@@ -112,7 +112,7 @@ DWORD AntivirusScanAL::ChangeReportingSwitch(const wchar_t* function, bool enabl
 
 DWORD AntivirusScanAL::IsSignatureInfoReported(bool* enabled) {
     if (NullOut(L"AntivirusScanAL::IsSignatureInfoReported", enabled)) return ERROR_INVALID_PARAMETER;
-    ScopedLock lock(stateLock);
+    auto lock = stateLock.Lock();
     *enabled = settings.reportSignatureInfo;
     return ERROR_SUCCESS;
 }
@@ -124,7 +124,7 @@ DWORD AntivirusScanAL::SetFeatureStatus(const StringW& name, bool isLocked) {
         const StringW feature = name;
         QV_LOG(LOG_SEV_INFO, L"[name = %s] [isLocked = %d]", feature.c_str(), isLocked ? 1 : 0);
         {
-            ScopedLock lock(stateLock);
+            auto lock = stateLock.Lock();
             featureLocks.Set(feature, isLocked);
             SettingsSection section(settingsPlugin);
             if (section) section->SetBool(feature.c_str(), isLocked);
@@ -139,7 +139,7 @@ DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
     if (NullOut(qvFunctionName_, isLocked)) return ERROR_INVALID_PARAMETER;
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         if (!AcceptFeatureName(qvFunctionName_, name)) return ERROR_INVALID_PARAMETER;
-        ScopedLock lock(stateLock);
+        auto lock = stateLock.Lock();
         if (const bool* known = featureLocks.FindConst(name)) {
             *isLocked = *known;
             return ERROR_SUCCESS;
@@ -171,10 +171,10 @@ bool AntivirusScanAL::ApplyBackupStatus(bool status) {
 uint32_t AntivirusScanAL::RefreshBackupStatus() {
     QV_TRACE(L"AntivirusScanAL::RefreshBackupStatus");
     // Read and applied as one step, so that a stale value never overtakes a newer one.
-    ScopedLock switching(switchLock);
+    auto switching = switchLock.Lock();
     bool status;
     {
-        ScopedLock lock(stateLock);
+        auto lock = stateLock.Lock();
         status = settings.enableBackup;
     }
     if (ApplyBackupStatus(status)) return 1;

@@ -23,7 +23,7 @@ void AntivirusScanAL::SendEnginesRecoveryStartedEvent() {
     StringW folder;
     uint32_t type;
     {
-        ScopedLock lock(stateLock);
+        auto lock = stateLock.Lock();
         folder = settings.enginesFolder;
         type = scanType;
     }

@@ -1,5 +1,7 @@
 #include "plugin/UpdateFile.h"
 
+#include "support/WinHandle.h"
+
 #include <windows.h>
 
 #include <cstring>
@@ -9,11 +11,6 @@
 namespace qv {
 
 namespace {
-
-struct HandleCloser {
-    void operator()(HANDLE h) const { CloseHandle(h); }
-};
-using FileHandle = std::unique_ptr<void, HandleCloser>;
 
 // Trailing blanks, tabs and line feeds are dropped (a carriage return stays); the word is what
 // follows the last blank, or the whole line without one. Bytes widen one to one, so the word of
@@ -36,14 +33,12 @@ StringW LastWord(const std::string& line) {
 } // namespace
 
 UpdateFileRead ReadUpdateFile(const wchar_t* path, UpdateFileInfo& info) {
-    FileHandle file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+    UniqueHFile file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (file.get() == INVALID_HANDLE_VALUE) {
-        file.release();
-        return UpdateFileRead::Unreadable;
-    }
+    if (!file) return UpdateFileRead::Unreadable;
 
-    // Lines 1 and 3 are only counted; lines 2 and 4 are kept, and never beyond the limit.
+    // Lines 1 and 3 are only counted; lines 2 and 4 are kept, and never beyond the limit. Line 3
+    // carries nothing asked of this plug-in, but it must be read through to reach line 4.
     std::string count, version;
     int line = 0;           // lines completed so far
     bool pending = false;   // some bytes of the current line were seen
@@ -52,7 +47,7 @@ UpdateFileRead ReadUpdateFile(const wchar_t* path, UpdateFileInfo& info) {
     std::unique_ptr<char[]> buffer(new char[kChunk]);
     while (line < 4) {
         DWORD got = 0;
-        if (!ReadFile(file.get(), buffer.get(), static_cast<DWORD>(kChunk), &got, nullptr)) {
+        if (!ReadFile(file.Get(), buffer.get(), static_cast<DWORD>(kChunk), &got, nullptr)) {
             return UpdateFileRead::Unreadable;
         }
         if (got == 0) break;

@@ -1,5 +1,7 @@
 #include "support/Log.h"
 
+#include "support/SpinGuard.h"
+
 #include <cstdlib>
 #include <cwchar>
 #include <memory>
@@ -57,17 +59,6 @@ HMODULE LoadFromOwnFolder()
     return LoadLibraryW(path.get());
 }
 
-void TakeSpin()
-{
-    while (InterlockedExchange(&g_spin, 1) == 1)
-        Sleep(1);
-}
-
-void FreeSpin()
-{
-    InterlockedExchange(&g_spin, 0);
-}
-
 // Registered once and deliberately empty: log.dll stays loaded at process exit, because other
 // modules may still write their last lines while the process winds down.
 void OnProcessExit()
@@ -77,74 +68,76 @@ void OnProcessExit()
 } // namespace
 
 CLogDLL::CLogDLL()
-    : module(nullptr), applySettings(nullptr), setSettingsFile(nullptr), enable(nullptr),
+    : module(), applySettings(nullptr), setSettingsFile(nullptr), enable(nullptr),
       setLevel(nullptr), setPath(nullptr), setType(nullptr), setMode(nullptr), setMaxSize(nullptr),
       setDepth(nullptr), write(nullptr), isEnabled(nullptr), monitorSettings(nullptr),
       uninitDeskMetrics(nullptr), trackEvent(nullptr), trackEventData(nullptr), removeModule(nullptr),
       getLevel(nullptr)
 {
-    if (!GetModuleHandleExW(0, L"log.dll", &module))
-        module = nullptr;
-    if (module == nullptr)
-        module = LoadFromOwnFolder();
-    if (module == nullptr) {
+    if (!GetModuleHandleExW(0, L"log.dll", module.Put()))
+        module.Reset();
+    if (!module)
+        module.Reset(LoadFromOwnFolder());
+    if (!module) {
         write = &StubWrite;
         return;
     }
 
-    CallIfPresent(Resolve(module, "LogInit"));
+    CallIfPresent(Resolve(module.Get(), "LogInit"));
 
-    applySettings = Resolve(module, "LogApplySettings");
-    setSettingsFile = Resolve(module, "LogSetSettingsFile");
-    enable = Resolve(module, "LogEnable");
-    setLevel = Resolve(module, "LogSetLevel");
-    setPath = Resolve(module, "LogSetPath");
-    setType = Resolve(module, "LogSetType");
-    setMode = Resolve(module, "LogSetMode");
-    setMaxSize = Resolve(module, "LogSetMaxSize");
-    setDepth = Resolve(module, "LogSetDepth");
-    write = reinterpret_cast<LogWriteFn>(Resolve(module, "LogWrite"));
-    isEnabled = Resolve(module, "LogIsEnabled");
-    monitorSettings = Resolve(module, "LogMonitorSettings");
-    getLevel = Resolve(module, "LogGetLevel");
-    uninitDeskMetrics = reinterpret_cast<LogVoidFn>(Resolve(module, "LogUninitDeskMetrics"));
-    trackEvent = Resolve(module, "LogTrackEvent");
-    trackEventData = Resolve(module, "LogTrackEventData");
-    removeModule = reinterpret_cast<LogRemoveModuleFn>(Resolve(module, "LogRemoveModule"));
+    applySettings = Resolve(module.Get(), "LogApplySettings");
+    setSettingsFile = Resolve(module.Get(), "LogSetSettingsFile");
+    enable = Resolve(module.Get(), "LogEnable");
+    setLevel = Resolve(module.Get(), "LogSetLevel");
+    setPath = Resolve(module.Get(), "LogSetPath");
+    setType = Resolve(module.Get(), "LogSetType");
+    setMode = Resolve(module.Get(), "LogSetMode");
+    setMaxSize = Resolve(module.Get(), "LogSetMaxSize");
+    setDepth = Resolve(module.Get(), "LogSetDepth");
+    write = reinterpret_cast<LogWriteFn>(Resolve(module.Get(), "LogWrite"));
+    isEnabled = Resolve(module.Get(), "LogIsEnabled");
+    monitorSettings = Resolve(module.Get(), "LogMonitorSettings");
+    getLevel = Resolve(module.Get(), "LogGetLevel");
+    uninitDeskMetrics = reinterpret_cast<LogVoidFn>(Resolve(module.Get(), "LogUninitDeskMetrics"));
+    trackEvent = Resolve(module.Get(), "LogTrackEvent");
+    trackEventData = Resolve(module.Get(), "LogTrackEventData");
+    removeModule = reinterpret_cast<LogRemoveModuleFn>(Resolve(module.Get(), "LogRemoveModule"));
 
     if (write == nullptr)
         write = &StubWrite;
 }
 
+// The module owner unloads the library after this body, last of all.
 CLogDLL::~CLogDLL()
 {
-    if (module == nullptr)
+    if (!module)
         return;
-    CallIfPresent(Resolve(module, "LogDeinit"));
+    CallIfPresent(Resolve(module.Get(), "LogDeinit"));
     if (uninitDeskMetrics != nullptr)
         uninitDeskMetrics();
     if (removeModule != nullptr)
         removeModule("logging::CLogDLL::~CLogDLL");
-    FreeLibrary(module);
 }
 
 void CLogDLLRef::Acquire()
 {
-    // An allocation failure below leaves the spin word held: there is no way to log or recover
-    // from that state, and the process is about to fail anyway.
-    TakeSpin();
-    if (g_secondCount == 0 && g_useCount == 0) {
-        if (g_instance != nullptr) {
-            delete g_instance;
-            g_instance = nullptr;
+    CLogDLL* instance = nullptr;
+    {
+        // An allocation failure below leaves through std::bad_alloc with nothing counted; the
+        // guard frees the spin word on the way out.
+        qv::SpinGuard spin(g_spin);
+        if (g_secondCount == 0 && g_useCount == 0) {
+            if (g_instance != nullptr) {
+                delete g_instance;
+                g_instance = nullptr;
+            }
+            g_instance = new CLogDLL();
+            if (!g_exitHookSet && std::atexit(&OnProcessExit) == 0)
+                g_exitHookSet = true;
         }
-        g_instance = new CLogDLL();
-        if (!g_exitHookSet && std::atexit(&OnProcessExit) == 0)
-            g_exitHookSet = true;
+        ++g_useCount;
+        instance = g_instance;
     }
-    ++g_useCount;
-    CLogDLL* instance = g_instance;
-    FreeSpin();
 
     instance_ = instance;
     InterlockedIncrement(&count_);
@@ -158,7 +151,7 @@ void CLogDLLRef::Release()
         return;
     }
     do {
-        TakeSpin();
+        qv::SpinGuard spin(g_spin);
         if (g_useCount > 0)
             --g_useCount;
         else if (g_secondCount > 0)
@@ -167,7 +160,6 @@ void CLogDLLRef::Release()
             delete g_instance;
             g_instance = nullptr;
         }
-        FreeSpin();
     } while (InterlockedDecrement(&count_) >= 0);
     InterlockedIncrement(&count_);
 }
@@ -218,6 +210,8 @@ void WriteMessageV(uint32_t severity, const wchar_t* function, const wchar_t* fo
     try {
         CLogDLLRef holder;
         holder.Acquire();
+        // Acquire always leaves an instance or throws, so the second take is a guard that costs
+        // nothing; the holder gives back every reference it took, once or twice.
         if (holder.Get() == nullptr)
             holder.Acquire();
         uint32_t level = severity;

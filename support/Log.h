@@ -1,6 +1,8 @@
 #pragma once
 // Logging through "log.dll", loaded at run time and never linked. Every operation opens a
 // call trace; messages carry a severity and the name of the function that writes them.
+#include "support/WinHandle.h"
+
 #include <windows.h>
 #include <cstdarg>
 #include <cstdint>
@@ -27,7 +29,7 @@ public:
     CLogDLL(const CLogDLL&) = delete;
     CLogDLL& operator=(const CLogDLL&) = delete;
 
-    HMODULE module;
+    qv::UniqueHModule module;
     void* applySettings;
     void* setSettingsFile;
     void* enable;
@@ -46,6 +48,7 @@ public:
     LogRemoveModuleFn removeModule;
     void* getLevel;
 };
+static_assert(sizeof(qv::UniqueHModule) == sizeof(HMODULE), "the module slot holds just the handle");
 static_assert(sizeof(CLogDLL) == 18 * sizeof(void*), "log.dll slots are pointer-sized and fixed in number");
 
 // Holder of references on the process-wide CLogDLL instance.

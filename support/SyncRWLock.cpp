@@ -68,16 +68,14 @@ void CSyncRWLock::ReaderDepths::Erase(Entry* entry) {
 
 CSyncRWLock::CSyncRWLock() {
     InitializeCriticalSection(&guard);
-    readerGate = CreateSemaphoreW(nullptr, 0, kGateMaximum, nullptr);
-    writerGate = CreateSemaphoreW(nullptr, 0, kGateMaximum, nullptr);
+    readerGate.Reset(CreateSemaphoreW(nullptr, 0, kGateMaximum, nullptr));
+    writerGate.Reset(CreateSemaphoreW(nullptr, 0, kGateMaximum, nullptr));
     // A lock without its gates would let waiting threads run straight through.
-    if (readerGate == nullptr || writerGate == nullptr) std::terminate();
+    if (!readerGate || !writerGate) std::terminate();
 }
 
 CSyncRWLock::~CSyncRWLock() {
     DeleteCriticalSection(&guard);
-    CloseHandle(readerGate);
-    CloseHandle(writerGate);
     readerDepths.Clear();
 }
 
@@ -91,7 +89,7 @@ void CSyncRWLock::Misuse() {
 void CSyncRWLock::WaitAsReader(uint32_t thread) {
     ++readersWaiting;
     LeaveCriticalSection(&guard);
-    WaitForSingleObject(readerGate, INFINITE);
+    WaitForSingleObject(readerGate.Get(), INFINITE);
     EnterCriticalSection(&guard);
     readerDepths.Set(thread, 1);
     LeaveCriticalSection(&guard);
@@ -101,7 +99,7 @@ void CSyncRWLock::WaitAsReader(uint32_t thread) {
 void CSyncRWLock::WaitAsWriter(uint32_t thread) {
     ++writersWaiting;
     LeaveCriticalSection(&guard);
-    WaitForSingleObject(writerGate, INFINITE);
+    WaitForSingleObject(writerGate.Get(), INFINITE);
     EnterCriticalSection(&guard);
     writerThread = thread;
     writerReadDepth = 0;
@@ -118,7 +116,7 @@ void CSyncRWLock::HandOver() {
         --writersWaiting;
         writerActive = 1;
         LeaveCriticalSection(&guard);
-        ReleaseSemaphore(writerGate, 1, nullptr);
+        ReleaseSemaphore(writerGate.Get(), 1, nullptr);
         return;
     }
     if (readersWaiting > 0) {
@@ -126,7 +124,7 @@ void CSyncRWLock::HandOver() {
         activeReaders = readers;
         readersWaiting = 0;
         LeaveCriticalSection(&guard);
-        ReleaseSemaphore(readerGate, static_cast<LONG>(readers), nullptr);
+        ReleaseSemaphore(readerGate.Get(), static_cast<LONG>(readers), nullptr);
         return;
     }
     LeaveCriticalSection(&guard);
@@ -181,7 +179,7 @@ void CSyncRWLock::ReleaseRead(uint32_t threadId) {
         --writersWaiting;
         writerActive = 1;
         LeaveCriticalSection(&guard);
-        ReleaseSemaphore(writerGate, 1, nullptr);
+        ReleaseSemaphore(writerGate.Get(), 1, nullptr);
         return;
     }
     LeaveCriticalSection(&guard);

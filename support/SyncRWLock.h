@@ -2,6 +2,8 @@
 // Re-entrant, writer-preferring reader-writer lock keyed by Windows thread id. The thread that
 // writes may also read; a reader may never upgrade to writing. Misuse ends the process: a lock
 // whose bookkeeping is wrong cannot protect anything any more.
+#include "support/WinHandle.h"
+
 #include <windows.h>
 #include <cstddef>
 #include <cstdint>
@@ -70,8 +72,8 @@ private:
     [[noreturn]] void Misuse();
 
     CRITICAL_SECTION guard;
-    HANDLE readerGate;
-    HANDLE writerGate;
+    UniqueHandle readerGate;
+    UniqueHandle writerGate;
     uint32_t readersWaiting = 0;
     uint32_t writersWaiting = 0;
     uint32_t activeReaders = 0;

@@ -119,7 +119,7 @@ TEST_F(Logging, HolderResolvesEveryEntryPointByName) {
     ASSERT_NE(nullptr, dll);
     const HMODULE module = GetModuleHandleW(L"log.dll");
     ASSERT_NE(nullptr, module);
-    EXPECT_EQ(module, dll->module);
+    EXPECT_EQ(module, dll->module.Get());
     const std::pair<void*, const char*> slots[] = {
         {dll->applySettings, "LogApplySettings"}, {dll->setSettingsFile, "LogSetSettingsFile"},
         {dll->enable, "LogEnable"}, {dll->setLevel, "LogSetLevel"}, {dll->setPath, "LogSetPath"},
