@@ -1,37 +1,38 @@
 // The library's two exports. Nothing thrown inside may reach the host.
 #include "entry/ExportedSingleton.h"
 #include "plugin/AntivirusScanAL.h"
+#include "sdk/PluginIds.h"
 
 #include <new>
 
 namespace {
-qv::ExportedSingletonDeclaration<qv::AntivirusScanAL> g_antivirusScan(L"AntivirusScan");
+qv::ExportedSingletonDeclaration<qv::AntivirusScanAL> g_antivirusScan(qv::kxsdk::ids::kAntivirusScanObjectName);
 }
 
 extern "C" DWORD QvCreateObject(const wchar_t* name, GUID interfaceId, void** result) {
-    if (!result) return ERROR_INVALID_PARAMETER;
+    if (!result) return qv::kInvalidParameter;
     *result = nullptr;
-    if (!name) return ERROR_NOT_FOUND;
+    if (!name) return qv::kNotFound;
     try {
         IQvBaseInterface* root = nullptr;
         {
             qv::RegistryScope registry;
             qv::IObjectConstructor* constructor = registry->Find(name);
-            if (!constructor) return ERROR_NOT_FOUND;
+            if (!constructor) return qv::kNotFound;
             root = constructor->CreateInstance();
         }
         void* face = root ? root->QueryInterface(interfaceId) : nullptr;
         if (face) {
             *result = face;
-            return ERROR_SUCCESS;
+            return qv::kSuccess;
         }
         qv::RegistryScope registry;
         if (qv::IObjectConstructor* constructor = registry->Find(name)) constructor->ReleaseInstance(root);
-        return ERROR_NOT_FOUND;
+        return qv::kNotFound;
     } catch (const std::bad_alloc&) {
-        return ERROR_NOT_ENOUGH_MEMORY;
+        return qv::kNotEnoughMemory;
     } catch (...) {
-        return ERROR_INTERNAL_ERROR;
+        return qv::kInternalError;
     }
 }
 
@@ -43,5 +44,5 @@ extern "C" DWORD QvDestroyObject(const wchar_t* name, void* object) {
         }
     } catch (...) {
     }
-    return ERROR_SUCCESS;
+    return qv::kSuccess;
 }

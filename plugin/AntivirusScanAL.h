@@ -1,6 +1,7 @@
 #pragma once
 // The plug-in object: the one instance the host creates through QvCreateObject.
 #include "plugin/AntivirusScanSettings.h"
+#include "plugin/ErrorCodes.h"
 #include "plugin/ServPlugin.h"
 #include "support/CriticalSection.h"
 #include "support/Log.h"
@@ -69,28 +70,28 @@ public:
     DWORD IsSignatureInfoReported(bool* enabled) override;
 
     // IUpdate::IEvents: only an installed component matters here.
-    DWORD OnUpdateStarted(const wchar_t*) override { return 0; }
-    DWORD OnUpdateProgress(uint32_t) override { return 0; }
-    DWORD OnUpdateFinished(DWORD) override { return 0; }
-    DWORD OnComponentDownloaded(const IUpdate::ComponentInfo&) override { return 0; }
-    DWORD OnComponentVerified(const IUpdate::ComponentInfo&) override { return 0; }
-    DWORD OnComponentInstalling(const IUpdate::ComponentInfo&) override { return 0; }
-    DWORD OnComponentFailed(const IUpdate::ComponentInfo&, DWORD) override { return 0; }
+    DWORD OnUpdateStarted(const wchar_t*) override { return kSuccess; }
+    DWORD OnUpdateProgress(uint32_t) override { return kSuccess; }
+    DWORD OnUpdateFinished(DWORD) override { return kSuccess; }
+    DWORD OnComponentDownloaded(const IUpdate::ComponentInfo&) override { return kSuccess; }
+    DWORD OnComponentVerified(const IUpdate::ComponentInfo&) override { return kSuccess; }
+    DWORD OnComponentInstalling(const IUpdate::ComponentInfo&) override { return kSuccess; }
+    DWORD OnComponentFailed(const IUpdate::ComponentInfo&, DWORD) override { return kSuccess; }
     DWORD OnComponentInstalled(const IUpdate::ComponentInfo& info, const wchar_t* enginesPath) override;
-    DWORD OnComponentRolledBack(const IUpdate::ComponentInfo&) override { return 0; }
-    DWORD OnRestartRequired(uint32_t) override { return 0; }
-    DWORD OnUpdateSettingsChanged() override { return 0; }
-    DWORD OnScheduleChanged() override { return 0; }
-    DWORD OnLicenseChanged() override { return 0; }
-    DWORD OnProxyChanged() override { return 0; }
-    DWORD OnServiceStopping() override { return 0; }
+    DWORD OnComponentRolledBack(const IUpdate::ComponentInfo&) override { return kSuccess; }
+    DWORD OnRestartRequired(uint32_t) override { return kSuccess; }
+    DWORD OnUpdateSettingsChanged() override { return kSuccess; }
+    DWORD OnScheduleChanged() override { return kSuccess; }
+    DWORD OnLicenseChanged() override { return kSuccess; }
+    DWORD OnProxyChanged() override { return kSuccess; }
+    DWORD OnServiceStopping() override { return kSuccess; }
 
     // IRemoteScan::IEvents
     DWORD OnStatusChanged(bool status) override;
     DWORD OnSettingsChanged() override;
-    DWORD OnConnectionChanged(bool) override { return 0; }
+    DWORD OnConnectionChanged(bool) override { return kSuccess; }
     DWORD OnScanModeChanged() override;
-    DWORD OnServerChanged(const wchar_t*) override { return 0; }
+    DWORD OnServerChanged(const wchar_t*) override { return kSuccess; }
 
 private:
     IComponentManager* ComponentManager() const;
@@ -125,7 +126,7 @@ private:
     bool GetEnginesInfoFromUpdate(StringW& version, uint64_t& count);
     bool GetEnginesInfoFromFile(const StringW& folder, StringW& version, StringW& countText);
     DWORD ReloadEngines(const StringW& path);
-    void OnBeforeReload(uint32_t newStatus);
+    void OnBeforeReload(ReloadStatus newStatus);
     void OnReloadSuccessfull();
     std::vector<StringW> GetSigFolders();
     void LogEnginesFolder();
@@ -148,12 +149,12 @@ private:
     using IScanEvents = IAntivirusScan::IScanEvents;
 
     std::atomic<IQvHost*> hostContext{nullptr};
-    ServPlugin<IScanSp> scanSpPlugin{L"scansp"};
-    ServPlugin<ICtcUpdate> ctcPlugin{L"ctc"};
-    ServPlugin<IRemoteScan> remoteScanPlugin{L"AntivirusScan.Remote"};
-    ServPlugin<IUpdate> updatePlugin{L"Update.UpdateAL"};
-    ServPlugin<IKXSettings> settingsPlugin{L"KXSettings"};
-    ServPlugin<IServConfig> servConfigPlugin{L"productinfo"};
+    ServPlugin<IScanSp> scanSpPlugin{kxsdk::ids::kScanSpName};
+    ServPlugin<ICtcUpdate> ctcPlugin{kxsdk::ids::kCtcName};
+    ServPlugin<IRemoteScan> remoteScanPlugin{kxsdk::ids::kRemoteScanName};
+    ServPlugin<IUpdate> updatePlugin{kxsdk::ids::kUpdateName};
+    ServPlugin<IKXSettings> settingsPlugin{kxsdk::ids::kSettingsName};
+    ServPlugin<IServConfig> servConfigPlugin{kxsdk::ids::kServConfigName};
     Map<StringW, bool> featureLocks;
     // Guards featureLocks, settings, the two scan modes, the signature cache (version and count)
     // and coreTempFolder: the members below that change while other threads call in. scanType

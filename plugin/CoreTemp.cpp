@@ -65,7 +65,7 @@ void AntivirusScanAL::CleanCoreTempFolder() {
     // The parent is opened once; every sibling is listed, opened, checked and deleted through
     // that handle, so no name swapped for a link meanwhile can lead the deletion elsewhere.
     file::FolderHandle parent;
-    if (parent.Open(root.c_str()) != ERROR_SUCCESS) return;
+    if (parent.Open(root.c_str()) != kSuccess) return;
     const file::KeptEntryFn keptLink = [](const StringW& path) {
         QV_LOG(LOG_SEV_WARNING, L"Link not followed, entry kept [path = %s]", path.c_str());
     };

@@ -12,15 +12,12 @@ using namespace logging;
 
 DWORD AntivirusScanAL::GetEnginesVersion(StringW* version) {
     QV_FUNCTION(L"AntivirusScanAL::GetEnginesVersion");
-    if (!version) {
-        QV_LOG(LOG_SEV_ERROR, L"invalid parameter");
-        return ERROR_INVALID_PARAMETER;
-    }
+    if (IsNullArgument(qvFunctionName_, version)) return kInvalidParameter;
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         if (enginesRecoveryInProgress) {
             QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress...");
             version->Clear();
-            return kxsdk::AntivirusScan::kRecoveryInProgress;
+            return kRecoveryInProgress;
         }
         StringW cached;
         {
@@ -33,21 +30,18 @@ DWORD AntivirusScanAL::GetEnginesVersion(StringW* version) {
             cached = signaturesVersion;
         }
         *version = cached;
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 
 DWORD AntivirusScanAL::GetSignaturesCount(uint64_t* count) {
     QV_FUNCTION(L"AntivirusScanAL::GetSignaturesCount");
-    if (!count) {
-        QV_LOG(LOG_SEV_ERROR, L"invalid parameter");
-        return ERROR_INVALID_PARAMETER;
-    }
+    if (IsNullArgument(qvFunctionName_, count)) return kInvalidParameter;
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         if (enginesRecoveryInProgress) {
             QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress...");
             *count = 0;
-            return kxsdk::AntivirusScan::kRecoveryInProgress;
+            return kRecoveryInProgress;
         }
         uint64_t cached;
         {
@@ -60,7 +54,7 @@ DWORD AntivirusScanAL::GetSignaturesCount(uint64_t* count) {
             cached = signaturesCount;
         }
         *count = cached;
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 

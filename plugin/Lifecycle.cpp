@@ -1,4 +1,6 @@
 // Construction, interface lookup and the host-driven lifecycle: Init, Start, Stop, UnInit.
+// DelayedStart lives in Recovery.cpp, beside the engines recovery that it starts when the scan
+// provider was missing at Init.
 #include "plugin/AntivirusScanAL.h"
 #include "plugin/ErrorCodes.h"
 #include "plugin/SlotGuard.h"
@@ -37,12 +39,9 @@ IComponentManager* AntivirusScanAL::ComponentManager() const {
 
 DWORD AntivirusScanAL::Init(IQvHost* host) {
     QV_TRACE(L"AntivirusScanAL::Init");
-    if (!host) {
-        QV_LOG(LOG_SEV_ERROR, L"invalid parameter");
-        return ERROR_INVALID_PARAMETER;
-    }
+    if (IsNullArgument(qvFunctionName_, host)) return kInvalidParameter;
     DWORD result = GuardedSlot(qvFunctionName_, [&] { return InitSteps(host); });
-    if (result != ERROR_SUCCESS) UnInit();
+    if (result != kSuccess) UnInit();
     return result;
 }
 
@@ -54,20 +53,20 @@ DWORD AntivirusScanAL::InitSteps(IQvHost* host) {
 
     if (!servConfigPlugin.GetPlugin(manager)) {
         QV_LOG(LOG_SEV_ERROR, L"Dependency not found : ServConfig.");
-        return ERROR_DEPENDENCY_NOT_FOUND;
+        return kDependencyNotFound;
     }
     InitCoreTempFolder();
     if (!InitScanType()) {
         QV_LOG(LOG_SEV_ERROR, L"Invalid scan type.");
-        return ERROR_INVALID_DATA;
+        return kInvalidData;
     }
     if (!updatePlugin.GetPlugin(manager)) {
         QV_LOG(LOG_SEV_ERROR, L"Dependency not found : Update.");
-        return ERROR_DEPENDENCY_NOT_FOUND;
+        return kDependencyNotFound;
     }
     if (!settingsPlugin.GetPlugin(manager)) {
         QV_LOG(LOG_SEV_ERROR, L"Dependency not found : Settings.");
-        return ERROR_DEPENDENCY_NOT_FOUND;
+        return kDependencyNotFound;
     }
     if (!InitSettings()) QV_LOG(LOG_SEV_WARNING, L"InitSettings failed!");
     LogEnginesFolder();
@@ -83,12 +82,12 @@ DWORD AntivirusScanAL::InitSteps(IQvHost* host) {
         QV_LOG(LOG_SEV_WARNING, L"Dependency not found : RemoteScan.");
         if (scanType == kxsdk::AntivirusScan::RemoteOnly) {
             QV_LOG(LOG_SEV_ERROR, L"Cannot continue without RemoteScanAL plugin!");
-            return ERROR_DEPENDENCY_NOT_FOUND;
+            return kDependencyNotFound;
         }
     }
     if (!InitScanMode()) {
         QV_LOG(LOG_SEV_ERROR, L"InitScanMode failed!");
-        return ERROR_INTERNAL_ERROR;
+        return kInternalError;
     }
     if (!ctcPlugin.GetPlugin(manager)) QV_LOG(LOG_SEV_INFO, L"Dependency not found : CTC.");
     DisableScanCrashHandler();
@@ -99,7 +98,7 @@ DWORD AntivirusScanAL::InitSteps(IQvHost* host) {
         backup = settings.enableBackup;
     }
     ApplyBackupStatus(backup);
-    return ERROR_SUCCESS;
+    return kSuccess;
 }
 
 DWORD AntivirusScanAL::Start() {
@@ -107,37 +106,37 @@ DWORD AntivirusScanAL::Start() {
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         if (!updatePlugin.IsHeld() || !settingsPlugin.IsHeld() || !servConfigPlugin.IsHeld()) {
             QV_LOG(LOG_SEV_ERROR, L"Dependency not found");
-            return ERROR_DEPENDENCY_NOT_FOUND;
+            return kDependencyNotFound;
         }
         if (scanType == kxsdk::AntivirusScan::RemoteOnly && !remoteScanPlugin.IsHeld()) {
             QV_LOG(LOG_SEV_ERROR, L"Invalid remote scan configuration");
-            return ERROR_INVALID_STATE;
+            return kInvalidState;
         }
-        DWORD error = ERROR_DEPENDENCY_NOT_FOUND;
+        DWORD error = kDependencyNotFound;
         if (auto update = updatePlugin.Acquire()) error = update->RegisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
         if (error != 0) {
             QV_LOG(LOG_SEV_ERROR, L"Cannot register update events [error = %d]", static_cast<int>(error));
             Stop();
-            return kErrorEventRegistrationRefused;
+            return kEventRegistrationRefused;
         }
         if (auto remote = remoteScanPlugin.Acquire()) {
             error = remote->RegisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
             if (error != 0) {
                 QV_LOG(LOG_SEV_ERROR, L"Cannot register remote scan events [error = %d]", static_cast<int>(error));
                 Stop();
-                return kErrorEventRegistrationRefused;
+                return kEventRegistrationRefused;
             }
         }
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 
 DWORD AntivirusScanAL::Stop() {
     QV_TRACE(L"AntivirusScanAL::Stop");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        if (auto update = updatePlugin.Acquire()) update->UnregisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
-        if (auto remote = remoteScanPlugin.Acquire()) remote->UnregisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
-        return ERROR_SUCCESS;
+        if (auto update = updatePlugin.Acquire()) (void)update->UnregisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
+        if (auto remote = remoteScanPlugin.Acquire()) (void)remote->UnregisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
+        return kSuccess;
     });
 }
 
@@ -156,7 +155,7 @@ DWORD AntivirusScanAL::UnInit() {
         settingsPlugin.Release();
         updatePlugin.Release();
         scanSpPlugin.Release();
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 

@@ -19,14 +19,14 @@ DWORD AntivirusScanAL::DelayedStart() {
         GuardedStep(qvFunctionName_, [&] { ComputeSigInfo(); });
         GuardedStep(qvFunctionName_, [&] { RefreshScanModes(); });
         GuardedStep(qvFunctionName_, [&] { CleanCoreTempFolder(); });
-        return ERROR_SUCCESS;
+        return kSuccess;
     }
     QV_LOG(LOG_SEV_WARNING, L"[(Engines-Recovery)]");
     GuardedStep(qvFunctionName_, [&] { SendEnginesRecoveryStartedEvent(); });
     GuardedStep(qvFunctionName_, [&] { RecoveryStep_InvalidateCache(); });
     GuardedStep(qvFunctionName_, [&] { RecoveryStep_GenDummyMissingFiles(); });
     GuardedStep(qvFunctionName_, [&] { RecoveryStep_StartUpdateSig(); });
-    return ERROR_SUCCESS;
+    return kSuccess;
 }
 
 StringW AntivirusScanAL::GetCommonFolder() {
@@ -53,7 +53,7 @@ bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
         // "installer" and the file are opened below the common folder without following a link
         // and the file is deleted through its own handle: a link planted in their place leads
         // out of the common folder, and where it points is not ours to delete.
-        DWORD error = ERROR_SUCCESS;
+        DWORD error = kSuccess;
         switch (file::DeleteFileBelow(common.c_str(), cache.name, error)) {
         case file::EntryResult::Done:
         case file::EntryResult::Absent: break;
@@ -94,7 +94,7 @@ bool AntivirusScanAL::GenerateDummyFile(const StringW& folder, const wchar_t* na
     file::JoinPath(path, name);
     QV_LOG(LOG_SEV_INFO, L"Generating missing file. [path = %s]", path.c_str());
     if (PathFileExistsW(path.c_str())) return true;
-    DWORD error = ERROR_SUCCESS;
+    DWORD error = kSuccess;
     switch (file::CreateFileBelow(folder.c_str(), name, error)) {
     case file::EntryResult::Done:
         QV_LOG(LOG_SEV_INFO, L"Missing file created. [path = %s]", path.c_str());
@@ -103,7 +103,7 @@ bool AntivirusScanAL::GenerateDummyFile(const StringW& folder, const wchar_t* na
         QV_LOG(LOG_SEV_WARNING, L"Link not followed, file not created [path = %s]", path.c_str());
         return false;
     case file::EntryResult::Absent:
-        error = ERROR_PATH_NOT_FOUND;  // what creating by path answers for a missing folder
+        error = kPathNotFound;  // what creating by path answers for a missing folder
         break;
     case file::EntryResult::Failed: break;
     }

@@ -27,27 +27,27 @@ DWORD AntivirusScanAL::OnComponentInstalled(const IUpdate::ComponentInfo& info, 
         const wchar_t* component = OrEmpty(info.component);
         QV_LOG(LOG_SEV_INFO, L"[updater = %s] [component = %s] [enginesPath = %s]", updater, component,
                OrEmpty(enginesPath));
-        if (!enginesPath || !*enginesPath || !*component) return ERROR_INVALID_PARAMETER;
+        if (!enginesPath || !*enginesPath || !*component) return kInvalidParameter;
 
         const bool antivirus = _wcsicmp(component, L"Antivirus") == 0;
         for (const wchar_t* maintenance : kMaintenanceUpdaters) {
             if (_wcsicmp(updater, maintenance) != 0) continue;
             QV_LOG(LOG_SEV_WARNING, L"Skip reload engines because of maintenance update [updater = %s]", updater);
-            if (antivirus) OnBeforeReload(3);
-            return ERROR_SUCCESS;
+            if (antivirus) OnBeforeReload(kReloadSkippedForMaintenance);
+            return kSuccess;
         }
-        if (!antivirus) return ERROR_SUCCESS;
+        if (!antivirus) return kSuccess;
 
-        OnBeforeReload(1);
+        OnBeforeReload(kReloadStarted);
         const DWORD result = ReloadEngines(StringW(enginesPath));
-        if (result == ERROR_SUCCESS || result == kErrorDataLostRepair) OnReloadSuccessfull();
+        if (result == kSuccess || result == kDataLostRepair) OnReloadSuccessfull();
         RefreshBackupStatus();
         ComputeSigInfo();
         RefreshScanModes();
         CleanCoreTempFolder();
-        K32EmptyWorkingSet(GetCurrentProcess());
-        if (result == kErrorDataLostRepair) RecoveryStep_RestartService();
-        return ERROR_SUCCESS;
+        (void)K32EmptyWorkingSet(GetCurrentProcess());
+        if (result == kDataLostRepair) RecoveryStep_RestartService();
+        return kSuccess;
     });
 }
 
@@ -57,7 +57,7 @@ DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
         DWORD error;
         {
             auto provider = scanSpPlugin.Acquire();
-            if (!provider) return ERROR_DEPENDENCY_NOT_FOUND;
+            if (!provider) return kDependencyNotFound;
             reloadStarted.Fire(path);
             QV_LOG(LOG_SEV_INFO, L"OnReloadStarted [path = %s]", path.c_str());
             // The provider finds the new engines itself; the path is only for the sinks.
@@ -89,13 +89,13 @@ DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
     if (!fixed) {
         QV_LOG(LOG_SEV_WARNING, L"ScanSp load NOT-FIXED => invalidate_cache");
         RecoveryStep_InvalidateCache();
-        return ERROR_DEPENDENCY_NOT_FOUND;
+        return kDependencyNotFound;
     }
     QV_LOG(LOG_SEV_WARNING, L"ScanSp load FIXED => restart service required");
-    return kErrorDataLostRepair;
+    return kDataLostRepair;
 }
 
-void AntivirusScanAL::OnBeforeReload(uint32_t newStatus) {
+void AntivirusScanAL::OnBeforeReload(ReloadStatus newStatus) {
     QV_TRACE(L"AntivirusScanAL::OnBeforeReload");
     auto lock = stateLock.Lock();
     QV_LOG(LOG_SEV_INFO, L"[lastOk = %s] [oldReloadStatus = %d] [newReloadStatus = %d]",
@@ -114,15 +114,15 @@ void AntivirusScanAL::OnReloadSuccessfull() {
     const StringW newPath = GetScanSpFolder();
     const StringW oldPath = settings.enginesFolder;
     QV_LOG(LOG_SEV_INFO, L"[oldPath = %s] [newPath = %s]", oldPath.c_str(), newPath.c_str());
-    if (settings.reloadStatus == 2 && newPath.CompareNoCase(oldPath.c_str()) == 0) return;
+    if (settings.reloadStatus == kReloadLoaded && newPath.CompareNoCase(oldPath.c_str()) == 0) return;
     SettingsSection section(settingsPlugin);
     if (!section) return;
-    if (!section->SetString(L"engines/folder", newPath.c_str()) || !section->SetUInt(L"engines/reloadStatus", 2)) {
+    if (!section->SetString(L"engines/folder", newPath.c_str()) || !section->SetUInt(L"engines/reloadStatus", kReloadLoaded)) {
         QV_LOG(LOG_SEV_WARNING, L"Cannot save reload info [oldPath = %s] [newPath = %s]", oldPath.c_str(),
                newPath.c_str());
     }
     settings.enginesFolder = newPath;
-    settings.reloadStatus = 2;
+    settings.reloadStatus = kReloadLoaded;
 }
 
 StringW AntivirusScanAL::GetScanSpFolder() {

@@ -59,7 +59,7 @@ void AntivirusScanAL::RemoveNonRemoteScanPlugins() {
         // "Plugins" and the file are opened below the engines folder without following a link
         // and the file is deleted through its own handle: a link (the file's or the folder's)
         // leads out of the engines folder, and what it points to is not ours to delete.
-        DWORD error = ERROR_SUCCESS;
+        DWORD error = kSuccess;
         switch (file::DeleteFileBelow(engines.c_str(), PluginName(name).c_str(), error)) {
         case file::EntryResult::Done:
         case file::EntryResult::Absent: break;

@@ -49,9 +49,9 @@ bool AntivirusScanAL::ComputeScanModes(ScanMode& primary, ScanMode& fallback) {
     }
     if (auto remote = remoteScanPlugin.Acquire()) {
         uint32_t unused = 0;
-        remote->GetStatus(&status);
-        remote->GetServerCount(&unused);
-        remote->GetFallbackMode(&rsMode);
+        (void)remote->GetStatus(&status);
+        (void)remote->GetServerCount(&unused);
+        (void)remote->GetFallbackMode(&rsMode);
         useFallback = type != RemoteOnly;
     }
     QV_LOG(LOG_SEV_INFO, L"RemoteScan info [status = %d] [fallback = %d] [rsMode = %d] ", status ? 1 : 0,
@@ -134,21 +134,15 @@ void AntivirusScanAL::UnInitScanMode() { QV_TRACE(L"AntivirusScanAL::UnInitScanM
 
 DWORD AntivirusScanAL::GetScanType(ScanType* type) {
     QV_FUNCTION(L"AntivirusScanAL::GetScanType");
-    if (!type) {
-        QV_LOG(LOG_SEV_ERROR, L"invalid parameter");
-        return ERROR_INVALID_PARAMETER;
-    }
+    if (IsNullArgument(qvFunctionName_, type)) return kInvalidParameter;
     auto lock = stateLock.Lock();
     *type = static_cast<ScanType>(scanType);
-    return ERROR_SUCCESS;
+    return kSuccess;
 }
 
 DWORD AntivirusScanAL::GetScanModes(ScanMode* primary, ScanMode* fallback) {
     QV_FUNCTION(L"AntivirusScanAL::GetScanModes");
-    if (!primary || !fallback) {
-        QV_LOG(LOG_SEV_ERROR, L"invalid parameter");
-        return ERROR_INVALID_PARAMETER;
-    }
+    if (IsNullArgument(qvFunctionName_, primary, fallback)) return kInvalidParameter;
     if (enginesRecoveryInProgress) {
         QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress...");
         *primary = ScanModeNone;
@@ -158,7 +152,7 @@ DWORD AntivirusScanAL::GetScanModes(ScanMode* primary, ScanMode* fallback) {
     auto lock = stateLock.Lock();
     *primary = primaryScanMode;
     *fallback = fallbackScanMode;
-    return ERROR_SUCCESS;
+    return kSuccess;
 }
 
 DWORD AntivirusScanAL::OnStatusChanged(bool status) {
@@ -171,10 +165,10 @@ DWORD AntivirusScanAL::OnStatusChanged(bool status) {
         }
         if (status || type != RemoteOnly) {
             RefreshScanModes();
-            return ERROR_SUCCESS;
+            return kSuccess;
         }
         QV_LOG(LOG_SEV_WARNING, L"RemoteScan status cannot be OFF when scan type is RemoteOnly");
-        return ERROR_INVALID_DATA;
+        return kInvalidData;
     });
 }
 
@@ -182,7 +176,7 @@ DWORD AntivirusScanAL::OnSettingsChanged() {
     QV_TRACE(L"AntivirusScanAL::OnSettingsChanged");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         RefreshScanModes();
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 
@@ -190,7 +184,7 @@ DWORD AntivirusScanAL::OnScanModeChanged() {
     QV_TRACE(L"AntivirusScanAL::OnScanModeChanged");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         RefreshScanModes();
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 

@@ -122,7 +122,7 @@ public:
         auto lock = lifecycle_.Lock();
         if (!plugin_.load()) return;
         rundown_.CloseAndWait();
-        if (manager_) manager_->ReleasePlugin(name_.c_str());
+        if (manager_) (void)manager_->ReleasePlugin(name_.c_str());
         manager_ = nullptr;
         plugin_.store(nullptr);
     }

@@ -32,7 +32,7 @@ bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
     }
 
     if (!section->GetBool(L"reportSignatureInfo", out.reportSignatureInfo)) out.reportSignatureInfo = false;
-    if (!section->GetUInt(L"engines/reloadStatus", out.reloadStatus)) out.reloadStatus = 2;
+    if (!section->GetUInt(L"engines/reloadStatus", out.reloadStatus)) out.reloadStatus = kReloadLoaded;
 
     std::string folder;
     if (!section->GetString(L"engines/folder", folder)) folder.clear();

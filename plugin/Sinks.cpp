@@ -7,10 +7,7 @@ namespace qv {
 namespace {
 template <class Container, class Sink>
 DWORD ChangeSinks(const wchar_t* function, Container& sinks, Sink* sink, bool add) {
-    if (!sink) {
-        logging::WriteMessage(logging::LOG_SEV_ERROR, function, L"invalid parameter");
-        return ERROR_INVALID_PARAMETER;
-    }
+    if (IsNullArgument(function, sink)) return kInvalidParameter;
     return GuardedSlot(function, [&]() -> DWORD { return add ? sinks.Register(sink) : sinks.Unregister(sink); });
 }
 } // namespace

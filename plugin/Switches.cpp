@@ -10,14 +10,6 @@ namespace qv {
 
 using namespace logging;
 
-namespace {
-template <class T> bool NullOut(const wchar_t* function, T* out) {
-    if (out) return false;
-    WriteMessage(LOG_SEV_ERROR, function, L"invalid parameter");
-    return true;
-}
-} // namespace
-
 DWORD AntivirusScanAL::EnableBackup(bool status) {
     QV_TRACE(L"AntivirusScanAL::EnableBackup");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
@@ -30,13 +22,13 @@ DWORD AntivirusScanAL::EnableBackup(bool status) {
                 auto lock = stateLock.Lock();
                 if (status == settings.enableBackup) {
                     QV_LOG(LOG_SEV_INFO, L"already in this state");
-                    return ERROR_SUCCESS;
+                    return kSuccess;
                 }
                 AntivirusScanSettings changed = settings;
                 changed.enableBackup = status;
                 if (!SaveSettings(changed)) {
                     QV_LOG(LOG_SEV_ERROR, L"save failed");
-                    return ERROR_CANTWRITE;
+                    return kCantWrite;
                 }
             }
             if (!ApplyBackupStatus(status)) {
@@ -44,21 +36,21 @@ DWORD AntivirusScanAL::EnableBackup(bool status) {
                 // Put the old value back in the store: the provider still runs with it.
                 auto lock = stateLock.Lock();
                 SaveSettings(settings);
-                return ERROR_INTERNAL_ERROR;
+                return kInternalError;
             }
             auto lock = stateLock.Lock();
             settings.enableBackup = status;
         }
         backupStatusChanged.Fire(status);
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 
 DWORD AntivirusScanAL::IsBackupEnabled(bool* enabled) {
-    if (NullOut(L"AntivirusScanAL::IsBackupEnabled", enabled)) return ERROR_INVALID_PARAMETER;
+    if (IsNullArgument(L"AntivirusScanAL::IsBackupEnabled", enabled)) return kInvalidParameter;
     auto lock = stateLock.Lock();
     *enabled = settings.enableBackup;
-    return ERROR_SUCCESS;
+    return kSuccess;
 }
 
 DWORD AntivirusScanAL::ReportHashChain(const HashChainSettings& value) {
@@ -70,10 +62,10 @@ DWORD AntivirusScanAL::ReportHashChain(const HashChainSettings& value) {
 }
 
 DWORD AntivirusScanAL::GetHashChainSettings(HashChainSettings* value) {
-    if (NullOut(L"AntivirusScanAL::GetHashChainSettings", value)) return ERROR_INVALID_PARAMETER;
+    if (IsNullArgument(L"AntivirusScanAL::GetHashChainSettings", value)) return kInvalidParameter;
     auto lock = stateLock.Lock();
     *value = settings.hashChain;
-    return ERROR_SUCCESS;
+    return kSuccess;
 }
 
 DWORD AntivirusScanAL::ReportSignatureInfo(bool enabled) {
@@ -95,54 +87,54 @@ DWORD AntivirusScanAL::ChangeReportingSwitch(const wchar_t* function, bool enabl
             if (enabled == field(settings)) {
                 SaveSettings(settings);
                 WriteMessage(LOG_SEV_INFO, function, L"already in this state");
-                return ERROR_SUCCESS;
+                return kSuccess;
             }
             AntivirusScanSettings changed = settings;
             field(changed) = enabled;
             if (!SaveSettings(changed)) {
                 WriteMessage(LOG_SEV_ERROR, function, L"save failed");
-                return ERROR_CANTWRITE;
+                return kCantWrite;
             }
             settings = changed;
         }
         notify();
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 
 DWORD AntivirusScanAL::IsSignatureInfoReported(bool* enabled) {
-    if (NullOut(L"AntivirusScanAL::IsSignatureInfoReported", enabled)) return ERROR_INVALID_PARAMETER;
+    if (IsNullArgument(L"AntivirusScanAL::IsSignatureInfoReported", enabled)) return kInvalidParameter;
     auto lock = stateLock.Lock();
     *enabled = settings.reportSignatureInfo;
-    return ERROR_SUCCESS;
+    return kSuccess;
 }
 
 DWORD AntivirusScanAL::SetFeatureStatus(const StringW& name, bool isLocked) {
     QV_TRACE(L"AntivirusScanAL::SetFeatureStatus");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        if (!AcceptFeatureName(qvFunctionName_, name)) return ERROR_INVALID_PARAMETER;
+        if (!AcceptFeatureName(qvFunctionName_, name)) return kInvalidParameter;
         const StringW feature = name;
         QV_LOG(LOG_SEV_INFO, L"[name = %s] [isLocked = %d]", feature.c_str(), isLocked ? 1 : 0);
         {
             auto lock = stateLock.Lock();
             featureLocks.Set(feature, isLocked);
             SettingsSection section(settingsPlugin);
-            if (section) section->SetBool(feature.c_str(), isLocked);
+            if (section) (void)section->SetBool(feature.c_str(), isLocked);
         }
         featureStatusChanged.Fire(feature, isLocked);
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 
 DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
     QV_FUNCTION(L"AntivirusScanAL::GetFeatureStatus");
-    if (NullOut(qvFunctionName_, isLocked)) return ERROR_INVALID_PARAMETER;
+    if (IsNullArgument(qvFunctionName_, isLocked)) return kInvalidParameter;
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        if (!AcceptFeatureName(qvFunctionName_, name)) return ERROR_INVALID_PARAMETER;
+        if (!AcceptFeatureName(qvFunctionName_, name)) return kInvalidParameter;
         auto lock = stateLock.Lock();
         if (const bool* known = featureLocks.FindConst(name)) {
             *isLocked = *known;
-            return ERROR_SUCCESS;
+            return kSuccess;
         }
         // Unknown features count as locked.
         bool locked = true;
@@ -150,7 +142,7 @@ DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
         if (section && !section->GetBool(name.c_str(), locked)) locked = true;
         featureLocks.Set(name, locked);
         *isLocked = locked;
-        return ERROR_SUCCESS;
+        return kSuccess;
     });
 }
 

@@ -46,7 +46,7 @@ void AntivirusScanAL::SendEnginesRecoveryStartedEvent() {
     event["error"] = ScanTypeWord(type);
     event["error_code"] = 1805;
     event["qv_av_signatures_version"] = version.ToUtf8();
-    if (auto sink = telemetry.Acquire()) sink->SubmitEvent(event, 0);
+    if (auto sink = telemetry.Acquire()) (void)sink->SubmitEvent(event, 0);
 }
 
 } // namespace qv

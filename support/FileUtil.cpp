@@ -31,7 +31,7 @@ bool TooLong(const wchar_t* path) { return wcsnlen(path, MAX_PATH) >= MAX_PATH; 
 
 void RemoveBackslash(StringW& path) {
     MakeRoom(path);
-    PathRemoveBackslashW(path.Buffer());
+    (void)PathRemoveBackslashW(path.Buffer());
     SyncLength(path);
 }
 

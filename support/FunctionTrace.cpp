@@ -35,7 +35,7 @@ CFunctionTrace::CFunctionTrace(const wchar_t* name)
         if (holder.Get() == nullptr)
             holder.Acquire();
         uint32_t severity = LOG_SEV_INFO;
-        Write(holder.Get(), kEntryNesting, &severity, CurrentModule(), function_, L"-> %s", title_);
+        (void)Write(holder.Get(), kEntryNesting, &severity, CurrentModule(), function_, L"-> %s", title_);
     } catch (...) {
     }
 }
@@ -49,7 +49,7 @@ CFunctionTrace::~CFunctionTrace()
             holder.Acquire();
         DWORD elapsed = timeGetTime() - start_;
         uint32_t severity = LOG_SEV_INFO;
-        Write(holder.Get(), kExitNesting, &severity, CurrentModule(), function_, L"<- %s [%d]", title_,
+        (void)Write(holder.Get(), kExitNesting, &severity, CurrentModule(), function_, L"<- %s [%d]", title_,
               static_cast<int>(elapsed));
     } catch (...) {
     }

@@ -215,7 +215,7 @@ void WriteMessageV(uint32_t severity, const wchar_t* function, const wchar_t* fo
         if (holder.Get() == nullptr)
             holder.Acquire();
         uint32_t level = severity;
-        WriteV(holder.Get(), 0, &level, ThisModule(), function, format, args);
+        (void)WriteV(holder.Get(), 0, &level, ThisModule(), function, format, args);
     } catch (...) {
     }
 }

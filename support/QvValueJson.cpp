@@ -34,7 +34,7 @@ void AssignFromUtf8(StringW& out, const char* text, size_t length) {
     const int n = MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0);
     const size_t count = n > 0 ? static_cast<size_t>(n) : 0;
     if (out.Capacity() < count || !out.HasStorage()) out.Reserve(count);
-    if (count) MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(length), out.Buffer(), n);
+    if (count) (void)MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(length), out.Buffer(), n);
     out.SetLength(count);
 }
 

@@ -11,12 +11,6 @@
 
 namespace qv {
 
-namespace sink_result {
-constexpr uint32_t kSuccess = 0;              // ERROR_SUCCESS
-constexpr uint32_t kInvalidParameter = 87;    // ERROR_INVALID_PARAMETER
-constexpr uint32_t kFunctionFailed = 1627;    // ERROR_FUNCTION_FAILED
-} // namespace sink_result
-
 template <class T> class SynchronyzedObjectContainer;
 
 // Sinks in registration order, without duplicates or nulls. The lock operations are the
@@ -28,26 +22,26 @@ public:
 
     // 0 when added, 87 for a null sink, 1627 when it is already registered (or no memory).
     uint32_t Register(T* sink) {
-        if (sink == nullptr) return sink_result::kInvalidParameter;
+        if (sink == nullptr) return ERROR_INVALID_PARAMETER;
         WriteLockScope scope(*this);
-        if (IndexOf(sink) != kAbsent) return sink_result::kFunctionFailed;
+        if (IndexOf(sink) != kAbsent) return ERROR_FUNCTION_FAILED;
         try {
             sinks_.push_back(sink);
         } catch (const std::bad_alloc&) {
-            return sink_result::kFunctionFailed;
+            return ERROR_FUNCTION_FAILED;
         }
-        return sink_result::kSuccess;
+        return ERROR_SUCCESS;
     }
 
     // 0 when removed, 87 for a null sink, 1627 when it was not registered. The others keep
     // their order.
     uint32_t Unregister(T* sink) {
-        if (sink == nullptr) return sink_result::kInvalidParameter;
+        if (sink == nullptr) return ERROR_INVALID_PARAMETER;
         WriteLockScope scope(*this);
         const size_t at = IndexOf(sink);
-        if (at == kAbsent) return sink_result::kFunctionFailed;
+        if (at == kAbsent) return ERROR_FUNCTION_FAILED;
         sinks_.erase(sinks_.begin() + static_cast<std::ptrdiff_t>(at));
-        return sink_result::kSuccess;
+        return ERROR_SUCCESS;
     }
 
     // Only with the lock held, shared or exclusive.

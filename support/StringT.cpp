@@ -28,18 +28,16 @@ void* StringMemMgr::Reallocate(void* block, size_t bytes) { return realloc(block
 void StringMemMgr::Free(void* block) { free(block); }
 StringMemMgr& StringMemMgr::Default() { return g_defaultManager; }
 
-using S = StringW;
-
-S::StringT(const wchar_t* text) : p_(nullptr) { Assign(text); }
-S::StringT(const wchar_t* text, size_t count) : p_(nullptr) { Assign(text, count); }
-S::StringT(const StringT& other) : p_(nullptr) {
+StringW::StringT(const wchar_t* text) : p_(nullptr) { Assign(text); }
+StringW::StringT(const wchar_t* text, size_t count) : p_(nullptr) { Assign(text, count); }
+StringW::StringT(const StringT& other) : p_(nullptr) {
     other.CheckValid();
     if (other.p_) Assign(other.p_, other.Length());
 }
-S::StringT(StringT&& other) noexcept : p_(nullptr) { *this = static_cast<StringT&&>(other); }
-S::~StringT() { Release(); }
+StringW::StringT(StringT&& other) noexcept : p_(nullptr) { *this = static_cast<StringT&&>(other); }
+StringW::~StringT() { Release(); }
 
-S& S::operator=(const StringT& other) {
+StringW& StringW::operator=(const StringT& other) {
     if (this != &other) {
         other.CheckValid();
         Assign(other.c_str(), other.Length());
@@ -47,7 +45,7 @@ S& S::operator=(const StringT& other) {
     return *this;
 }
 
-S& S::operator=(StringT&& other) noexcept {
+StringW& StringW::operator=(StringT&& other) noexcept {
     if (this == &other) return *this;
     other.CheckValid();
     if (!other.p_) { Clear(); return *this; }
@@ -61,18 +59,18 @@ S& S::operator=(StringT&& other) noexcept {
     return *this;
 }
 
-S& S::operator=(const wchar_t* text) { Assign(text); return *this; }
+StringW& StringW::operator=(const wchar_t* text) { Assign(text); return *this; }
 
-const S::Header* S::GetHeader() const { CheckValid(); return HeaderPtr(); }
+const StringW::Header* StringW::GetHeader() const { CheckValid(); return HeaderPtr(); }
 
-IMemMgr* S::Manager() const {
+IMemMgr* StringW::Manager() const {
     Header* h = HeaderPtr();
     return h ? h->manager : &g_defaultManager;
 }
 
-void S::Corrupt() { std::terminate(); }
+void StringW::Corrupt() { std::terminate(); }
 
-void S::Reserve(size_t count) {
+void StringW::Reserve(size_t count) {
     CheckValid();
     if (count > (static_cast<size_t>(-1) - kOverheadBytes) / 2) throw std::bad_alloc();
     const size_t bytes = BlockBytes(count);
@@ -120,7 +118,7 @@ void S::Reserve(size_t count) {
     p_[h->length] = 0;
 }
 
-void S::Grow(size_t needed) {
+void StringW::Grow(size_t needed) {
     Header* h = HeaderPtr();
     size_t c = h ? static_cast<size_t>(h->capacity) : 0;
     if (p_ && needed <= c) return;
@@ -131,7 +129,7 @@ void S::Grow(size_t needed) {
     Reserve(c + step);
 }
 
-void S::SetLength(size_t count) {
+void StringW::SetLength(size_t count) {
     CheckValid();
     Header* h = HeaderPtr();
     if (!h) { if (count == 0) return; std::terminate(); }
@@ -140,7 +138,7 @@ void S::SetLength(size_t count) {
     p_[count] = 0;
 }
 
-void S::Assign(const wchar_t* text, size_t count) {
+void StringW::Assign(const wchar_t* text, size_t count) {
     CheckValid();
     if (count == npos) count = ChTraitsCRT<wchar_t>::Length(text);
     if (!text) count = 0;
@@ -169,7 +167,7 @@ void S::Assign(const wchar_t* text, size_t count) {
     CheckValid();
 }
 
-void S::Append(const wchar_t* text, size_t count) {
+void StringW::Append(const wchar_t* text, size_t count) {
     CheckValid();
     if (count == npos) count = ChTraitsCRT<wchar_t>::Length(text);
     if (!text || !count) return;
@@ -184,11 +182,11 @@ void S::Append(const wchar_t* text, size_t count) {
     SetLength(len + count);
 }
 
-void S::Clear() {
+void StringW::Clear() {
     if (p_) SetLength(0);
 }
 
-void S::Release() noexcept {
+void StringW::Release() noexcept {
     CheckValid();
     Header* h = HeaderPtr();
     if (!p_ || !h) { p_ = nullptr; return; }
@@ -199,14 +197,14 @@ void S::Release() noexcept {
     p_ = nullptr;
 }
 
-void S::Format(const wchar_t* format, ...) {
+void StringW::Format(const wchar_t* format, ...) {
     va_list args;
     va_start(args, format);
     FormatV(format, args);
     va_end(args);
 }
 
-void S::FormatV(const wchar_t* format, va_list args) {
+void StringW::FormatV(const wchar_t* format, va_list args) {
     if (!format) {
         Reserve(Capacity() > 0 ? Capacity() : kGrowth);
         SetLength(0);
@@ -221,14 +219,14 @@ void S::FormatV(const wchar_t* format, va_list args) {
     if (count >= 0) {
         va_list print;
         va_copy(print, args);
-        _vsnwprintf(p_, static_cast<size_t>(count) + 1, format, print);
+        (void)_vsnwprintf(p_, static_cast<size_t>(count) + 1, format, print);
         va_end(print);
     }
     SetLength(count < 0 ? 0 : static_cast<size_t>(count));
     CheckValid();
 }
 
-int S::Scan(const wchar_t* format, ...) const {
+int StringW::Scan(const wchar_t* format, ...) const {
     va_list args;
     va_start(args, format);
     int n = vswscanf(c_str(), format, args);
@@ -236,26 +234,26 @@ int S::Scan(const wchar_t* format, ...) const {
     return n;
 }
 
-int S::Compare(const wchar_t* other) const {
+int StringW::Compare(const wchar_t* other) const {
     const wchar_t* a = c_str();
     const wchar_t* b = other ? other : L"";
     return wcscmp(a, b);
 }
 
-int S::CompareNoCase(const wchar_t* other) const { return _wcsicmp(c_str(), other ? other : L""); }
+int StringW::CompareNoCase(const wchar_t* other) const { return _wcsicmp(c_str(), other ? other : L""); }
 
-std::string S::ToUtf8() const {
+std::string StringW::ToUtf8() const {
     std::string out;
     size_t len = Length();
     if (!len) return out;
     int n = WideCharToMultiByte(CP_UTF8, 0, p_, static_cast<int>(len), nullptr, 0, nullptr, nullptr);
     if (n <= 0) return out;
     out.resize(static_cast<size_t>(n));
-    WideCharToMultiByte(CP_UTF8, 0, p_, static_cast<int>(len), &out[0], n, nullptr, nullptr);
+    (void)WideCharToMultiByte(CP_UTF8, 0, p_, static_cast<int>(len), &out[0], n, nullptr, nullptr);
     return out;
 }
 
-void S::AssignUtf8(const char* text, size_t count) {
+void StringW::AssignUtf8(const char* text, size_t count) {
     if (count == npos) count = text ? strlen(text) : 0;
     if (!text || !count) { Assign(L"", 0); return; }
     int n = MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(count), nullptr, 0);
@@ -263,11 +261,11 @@ void S::AssignUtf8(const char* text, size_t count) {
     // Room is made only when it is missing: reserving the same capacity again would cost a
     // reallocation on every conversion.
     if (!HasStorage() || Capacity() < static_cast<size_t>(n)) Reserve(static_cast<size_t>(n));
-    MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(count), p_, n);
+    (void)MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(count), p_, n);
     SetLength(static_cast<size_t>(n));
 }
 
-S S::FromUtf8(const char* text, size_t count) {
+StringW StringW::FromUtf8(const char* text, size_t count) {
     StringT s;
     s.AssignUtf8(text, count);
     return s;

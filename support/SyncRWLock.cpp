@@ -89,7 +89,7 @@ void CSyncRWLock::Misuse() {
 void CSyncRWLock::WaitAsReader(uint32_t thread) {
     ++readersWaiting;
     LeaveCriticalSection(&guard);
-    WaitForSingleObject(readerGate.Get(), INFINITE);
+    (void)WaitForSingleObject(readerGate.Get(), INFINITE);
     EnterCriticalSection(&guard);
     readerDepths.Set(thread, 1);
     LeaveCriticalSection(&guard);
@@ -99,7 +99,7 @@ void CSyncRWLock::WaitAsReader(uint32_t thread) {
 void CSyncRWLock::WaitAsWriter(uint32_t thread) {
     ++writersWaiting;
     LeaveCriticalSection(&guard);
-    WaitForSingleObject(writerGate.Get(), INFINITE);
+    (void)WaitForSingleObject(writerGate.Get(), INFINITE);
     EnterCriticalSection(&guard);
     writerThread = thread;
     writerReadDepth = 0;
@@ -116,7 +116,7 @@ void CSyncRWLock::HandOver() {
         --writersWaiting;
         writerActive = 1;
         LeaveCriticalSection(&guard);
-        ReleaseSemaphore(writerGate.Get(), 1, nullptr);
+        (void)ReleaseSemaphore(writerGate.Get(), 1, nullptr);
         return;
     }
     if (readersWaiting > 0) {
@@ -124,7 +124,7 @@ void CSyncRWLock::HandOver() {
         activeReaders = readers;
         readersWaiting = 0;
         LeaveCriticalSection(&guard);
-        ReleaseSemaphore(readerGate.Get(), static_cast<LONG>(readers), nullptr);
+        (void)ReleaseSemaphore(readerGate.Get(), static_cast<LONG>(readers), nullptr);
         return;
     }
     LeaveCriticalSection(&guard);
@@ -179,7 +179,7 @@ void CSyncRWLock::ReleaseRead(uint32_t threadId) {
         --writersWaiting;
         writerActive = 1;
         LeaveCriticalSection(&guard);
-        ReleaseSemaphore(writerGate.Get(), 1, nullptr);
+        (void)ReleaseSemaphore(writerGate.Get(), 1, nullptr);
         return;
     }
     LeaveCriticalSection(&guard);
