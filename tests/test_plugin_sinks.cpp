@@ -1,6 +1,7 @@
 // Sink registration through IAntivirusScan slots 0-5, and the notifications the sinks get from
 // the three containers: engines (a reload), scan (the remote-scan plug-in's events), settings
 // (the backup switch).
+#include "tests/common/BlockWatch.h"
 #include "tests/common/EventRecorder.h"
 #include "tests/common/ScanSlots.h"
 #include "tests/common/ThreadProbe.h"
@@ -159,12 +160,16 @@ TEST_F(PluginSinks, RegistrationWaitsForARunningNotification) {
         qvtest::TestThread notifier([&] { fired = EndIfStuck(plugin.env.remoteScan.FireScanModeChanged(kFireTimeoutMs)); });
         ASSERT_TRUE(inside.Wait(qvtest::kProceedMs));
         qvtest::Signal done;
+        BlockWatch watch(GetModuleHandleW(L"AntivirusScan.AL"));
+        ASSERT_TRUE(watch.Installed());
         qvtest::TestThread other([&] {
+            watch.WatchThisThread();
             changed = add ? Register(Kind::Scan, late) : Unregister(Kind::Scan, late);
             journal.Add("late:done");
             done.Set();
         });
-        EXPECT_FALSE(done.Wait(qvtest::kBlockedMs));
+        EXPECT_TRUE(watch.Blocked(qvtest::kProceedMs)) << "the change did not wait for the notification";
+        EXPECT_FALSE(done.IsSet());
         release.Set();
         EXPECT_TRUE(done.Wait(qvtest::kProceedMs));
         EXPECT_TRUE(notifier.Finished(qvtest::kProceedMs));
