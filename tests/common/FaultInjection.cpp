@@ -10,13 +10,14 @@ using qv::kxsdk::AntivirusScan::IRemoteScan;
 using qv::kxsdk::Update::IUpdate;
 namespace ids = qv::kxsdk::ids;
 
-void FaultPlan::Arm(int failAt) {
+void FaultPlan::Arm(const std::string& site, int occurrence) {
     std::lock_guard<std::mutex> lock(mutex_);
     armed_ = true;
-    failAt_ = failAt;
+    target_ = site;
+    occurrence_ = occurrence;
+    seen_ = 0;
     sites_.clear();
-    seen_.clear();
-    failed_.clear();
+    failed_ = false;
 }
 
 void FaultPlan::Disarm() {
@@ -27,10 +28,9 @@ void FaultPlan::Disarm() {
 bool FaultPlan::Hit(const std::string& site) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!armed_) return false;
-    std::string numbered = site + "#" + std::to_string(++seen_[site]);
-    sites_.push_back(numbered);
-    if (static_cast<int>(sites_.size()) != failAt_) return false;
-    failed_ = numbered;
+    sites_.push_back(site);
+    if (target_.empty() || site != target_ || ++seen_ != occurrence_) return false;
+    failed_ = true;
     return true;
 }
 
@@ -39,7 +39,7 @@ std::vector<std::string> FaultPlan::Sites() const {
     return sites_;
 }
 
-std::string FaultPlan::Failed() const {
+bool FaultPlan::Failed() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return failed_;
 }
@@ -116,7 +116,7 @@ class FaultySettings : public IKXSettings {
 public:
     FaultySettings(IKXSettings* real, FaultPlan& plan) : real_(real), plan_(plan) {}
     IKXSettingsSection* OpenSection(const wchar_t* path, uint32_t a, uint32_t b, uint32_t c) override {
-        if (plan_.Hit("Settings::OpenSection")) return nullptr;
+        if (plan_.Hit("Settings::OpenSection(" + Narrow(path) + ")")) return nullptr;
         IKXSettingsSection* section = real_->OpenSection(path, a, b, c);
         return section ? new FaultySection(section, plan_) : nullptr;
     }
