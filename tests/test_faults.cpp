@@ -459,13 +459,17 @@ Outcome ForRefusal(const Outcome& missing, Refusal refusal, const std::string& s
 
 // Runs the scenario up to the step, fails the documented call in it (the `occurrence`-th call
 // of that site within the step), and checks everything a failure must leave behind.
-void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Refusal refusal = Refusal::Missing) {
+using Failure = FaultPlan::Failure;
+
+void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Refusal refusal = Refusal::Missing,
+              Failure how = Failure::Error) {
     const Golden& golden = GoldenFor(mode);
     const std::vector<Step> steps = Scenario();
     const Step& step = steps[stepIndex];
     const char* const refusals[] = {"", " (refused)", " (refused, interface written)"};
     SCOPED_TRACE(std::string(mode == Mode::Normal ? "normal" : "recovery") + " " + step.name + " / " + call.part +
-                 " | " + call.site + " #" + std::to_string(occurrence) + refusals[static_cast<int>(refusal)]);
+                 " | " + call.site + " #" + std::to_string(occurrence) + refusals[static_cast<int>(refusal)] +
+                 (how == Failure::Throw ? " throwing" : how == Failure::OutOfMemory ? " out of memory" : ""));
 
     Rig rig(mode);
     rig.faults.refusal = refusal;
@@ -475,18 +479,29 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
     const bool oldValue = step.key && step.newValue.isBool() ? SwitchValue(rig.plugin.scan, step.name) : false;
 
     avhost::ClearCapturedLines();
-    rig.faults.plan.Arm(call.site, occurrence);
+    rig.faults.plan.Arm(call.site, occurrence, how);
     const DWORD result = step.run(rig);
     rig.faults.plan.Disarm();
     ASSERT_TRUE(rig.faults.plan.Failed()) << "the documented call was not made";
 
-    const Outcome outcome = refusal == Refusal::Missing ? call.outcome : ForRefusal(call.outcome, refusal, call.site);
-    EXPECT_EQ(outcome.code == kAsUsual ? golden.results[stepIndex] : outcome.code, result);
-    for (const auto& line : outcome.lines) {
-        const std::wstring text = rig.site.Expand(line.first);
-        EXPECT_TRUE(LineWith(text, line.second)) << "missing line: " << Narrow(text) << " (" << line.second << ")";
+    if (how == Failure::Error) {
+        const Outcome outcome = refusal == Refusal::Missing ? call.outcome : ForRefusal(call.outcome, refusal, call.site);
+        EXPECT_EQ(outcome.code == kAsUsual ? golden.results[stepIndex] : outcome.code, result);
+        for (const auto& line : outcome.lines) {
+            const std::wstring text = rig.site.Expand(line.first);
+            EXPECT_TRUE(LineWith(text, line.second)) << "missing line: " << Narrow(text) << " (" << line.second << ")";
+        }
+        EXPECT_FALSE(LineStartingWith(L"unexpected exception"));
+    } else {
+        // The fence of the slot, or of a step inside it that only logs: the step either ends with
+        // the fence's code or goes on as it would have, and the fence's line is written either way.
+        const bool memory = how == Failure::OutOfMemory;
+        const DWORD fenced = memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNAL_ERROR;
+        EXPECT_TRUE(result == fenced || result == golden.results[stepIndex]) << "result " << result;
+        EXPECT_TRUE(memory ? CountLines(L"out of memory", 4) > 0
+                           : CountFramed(L"unexpected exception [what = injected by " + std::wstring(call.site.begin(), call.site.end()), L"]", 4) > 0)
+            << "no line from the fence";
     }
-    EXPECT_FALSE(LineStartingWith(L"unexpected exception"));
     if (stepIndex + 2 < steps.size() && rig.plugin.primary) ExpectNothingLocked(rig.plugin.scan);
 
     const Json::Value after = FileSection(rig.site, &valid);
@@ -542,10 +557,50 @@ int RunEveryFault(Mode mode) {
     return points;
 }
 
+// Throws the plug-in does not survive yet: an exception out of a release leaves the later
+// plug-ins held in UnInit, and ends the process when the release runs in a holder's destructor
+// (the telemetry plug-in's, the scan provider's); one out of the crash handler keeps its
+// interface. Skipped by name, and printed, until the holders give back on every path; remove an
+// entry and the sweep checks those calls again.
+const char* const kNotYetFenced[] = {"Manager::ReleasePlugin(", "CrashHandler::SetOption("};
+
+// Every documented call throwing instead, alternately an exception and an allocation failure.
+int RunEveryThrow(Mode mode) {
+    GoldenFor(mode);
+    const std::vector<Step> steps = Scenario();
+    const Table& table = Documented(mode);
+    int points = 0;
+    for (size_t step = 0; step < steps.size(); ++step) {
+        auto it = table.find(steps[step].name);
+        if (it == table.end()) continue;
+        std::map<std::string, int> seen;
+        for (const Call& call : it->second) {
+            const int occurrence = ++seen[call.site];
+            const std::string key = std::string(steps[step].name) + "|" + call.site;
+            bool skipped = false;
+            for (const char* open : kNotYetFenced) skipped = skipped || call.site.rfind(open, 0) == 0;
+            if (skipped) {
+                printf("not yet fenced: %s\n", key.c_str());
+                continue;
+            }
+            RunFault(mode, step, call, occurrence, Refusal::Missing,
+                     ++points % 2 ? Failure::Throw : Failure::OutOfMemory);
+        }
+    }
+    return points;
+}
+
 TEST(SiblingFaults, EveryCallOfANormalStartUpFailedInTurn) {
     const int points = RunEveryFault(Mode::Normal);
     printf("fault points (normal start-up): %d\n", points);
     EXPECT_GE(points, 60);
+}
+
+TEST(SiblingFaults, EveryCallThrowingInTurnIsFenced) {
+    int points = 0;
+    for (Mode mode : {Mode::Normal, Mode::Recovery}) points += RunEveryThrow(mode);
+    printf("throwing fault points: %d\n", points);
+    EXPECT_GE(points, 100);
 }
 
 TEST(SiblingFaults, EveryCallOfARecoveryStartUpFailedInTurn) {

@@ -3,6 +3,8 @@
 #include "sdk/PluginIds.h"
 
 #include <atomic>
+#include <new>
+#include <stdexcept>
 
 namespace testing_support {
 
@@ -10,11 +12,12 @@ using qv::kxsdk::AntivirusScan::IRemoteScan;
 using qv::kxsdk::Update::IUpdate;
 namespace ids = qv::kxsdk::ids;
 
-void FaultPlan::Arm(const std::string& site, int occurrence) {
+void FaultPlan::Arm(const std::string& site, int occurrence, Failure how) {
     std::lock_guard<std::mutex> lock(mutex_);
     armed_ = true;
     target_ = site;
     occurrence_ = occurrence;
+    how_ = how;
     seen_ = 0;
     sites_.clear();
     failed_ = false;
@@ -26,11 +29,17 @@ void FaultPlan::Disarm() {
 }
 
 bool FaultPlan::Hit(const std::string& site) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!armed_) return false;
-    sites_.push_back(site);
-    if (target_.empty() || site != target_ || ++seen_ != occurrence_) return false;
-    failed_ = true;
+    Failure how;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!armed_) return false;
+        sites_.push_back(site);
+        if (target_.empty() || site != target_ || ++seen_ != occurrence_) return false;
+        failed_ = true;
+        how = how_;
+    }
+    if (how == Failure::OutOfMemory) throw std::bad_alloc();
+    if (how == Failure::Throw) throw std::runtime_error("injected by " + site);
     return true;
 }
 
@@ -317,11 +326,10 @@ DWORD FaultyHost::GetPlugin(const wchar_t* name, const GUID* interfaceId, void**
     return error;
 }
 
-// A failed release still gives the plug-in back; only the answer is an error.
+// A failed release still gives the plug-in back; only the answer is an error (or an exception).
 DWORD FaultyHost::ReleasePlugin(const wchar_t* name) {
-    bool fail = plan.Hit("Manager::ReleasePlugin(" + Narrow(name) + ")");
     DWORD error = env.manager.ReleasePlugin(name);
-    return fail ? kInjectedError : error;
+    return plan.Hit("Manager::ReleasePlugin(" + Narrow(name) + ")") ? kInjectedError : error;
 }
 
 } // namespace testing_support

@@ -23,11 +23,15 @@ constexpr DWORD kRefusedError = 5;
 
 class FaultPlan {
 public:
+    // How the chosen call fails: with its error answer, or by throwing out of the sibling, which
+    // the contract forbids but a faulty sibling may do all the same.
+    enum class Failure { Error, Throw, OutOfMemory };
+
     // Recording starts afresh; the `occurrence`-th call of `site` from now fails (none for "").
-    void Arm(const std::string& site = std::string(), int occurrence = 1);
+    void Arm(const std::string& site = std::string(), int occurrence = 1, Failure how = Failure::Error);
     // Calls are no longer recorded nor failed.
     void Disarm();
-    // Called by the wrappers: records the call and says whether it is to fail.
+    // Called by the wrappers: records the call and says whether it is to fail, or throws.
     bool Hit(const std::string& site);
     // The calls recorded since Arm, in order.
     std::vector<std::string> Sites() const;
@@ -39,6 +43,7 @@ private:
     bool armed_ = false;
     std::string target_;
     int occurrence_ = 0;
+    Failure how_ = Failure::Error;
     int seen_ = 0;
     std::vector<std::string> sites_;
     bool failed_ = false;
