@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <new>
+#include <stdexcept>
 
 namespace {
 
@@ -49,18 +51,18 @@ protected:
     Entries Notify(Kind kind, const std::vector<std::string>& sinks) {
         Entries expected;
         if (kind == Kind::Engines) {
-            EXPECT_EQ(0u, EndIfStuck(plugin.env.update.DeliverComponentInstalled(L"updater", L"Antivirus",
-                                                                                enginesPath.c_str(), kFireTimeoutMs)));
+            result = EndIfStuck(plugin.env.update.DeliverComponentInstalled(L"updater", L"Antivirus",
+                                                                           enginesPath.c_str(), kFireTimeoutMs));
             for (const auto& s : sinks) expected.push_back(s + ":reloadStarted");
             for (const auto& s : sinks) expected.push_back(s + ":reloadEnded");
         } else if (kind == Kind::Scan) {
             fallback = fallback == 1 ? 2 : 1;
             plugin.env.remoteScan.SetFallbackMode(fallback);
-            EXPECT_EQ(0u, EndIfStuck(plugin.env.remoteScan.FireSettingsChanged(kFireTimeoutMs)));
+            result = EndIfStuck(plugin.env.remoteScan.FireSettingsChanged(kFireTimeoutMs));
             for (const auto& s : sinks) expected.push_back(s + ":modes=2," + (fallback == 1 ? "2" : "4"));
         } else {
             backup = !backup;
-            EXPECT_EQ(0u, EnableBackup(plugin.scan, backup));
+            result = EnableBackup(plugin.scan, backup);
             for (const auto& s : sinks) expected.push_back(s + ":backup=" + (backup ? "1" : "0"));
         }
         return expected;
@@ -69,6 +71,7 @@ protected:
     // One notification, and exactly what it must have told the sinks.
     void ExpectTold(Kind kind, const std::vector<std::string>& sinks, const char* why = "") {
         const Entries expected = Notify(kind, sinks);
+        EXPECT_EQ(0u, result) << why;
         EXPECT_EQ(expected, journal.Take()) << why;
     }
 
@@ -76,6 +79,7 @@ protected:
     std::wstring enginesPath;
     uint32_t fallback = 1;
     bool backup = false;
+    DWORD result = 0;  // of the last notifying call
     EventJournal journal;
 };
 
@@ -123,7 +127,7 @@ TEST_F(PluginSinks, ScanSinkMayAskForTheModesFromItsNotification) {
     DWORD results[2] = {1, 1};
     ScanMode pairs[2][2] = {};
     bool otherFinished = false;
-    sink.onScan = [&] {
+    sink.during = [&] {
         results[0] = GetScanModes(plugin.scan, &pairs[0][0], &pairs[0][1]);
         qvtest::TestThread asker([&] { results[1] = GetScanModes(plugin.scan, &pairs[1][0], &pairs[1][1]); });
         otherFinished = asker.Finished(qvtest::kProceedMs);
@@ -139,6 +143,67 @@ TEST_F(PluginSinks, ScanSinkMayAskForTheModesFromItsNotification) {
     EXPECT_EQ(0u, Unregister(Kind::Scan, sink));
 }
 
+// A sink that throws out of its notification, or runs out of memory: the call that fired it
+// ends with its fence (or goes on, when a step inside fences it), writes the fence's line, and
+// gives the container's lock back, so that the sink can leave and the next notification reaches
+// the others.
+TEST_F(PluginSinks, ThrowingSinkIsFencedAndTheContainerStaysUsable) {
+    for (Kind kind : kKinds) {
+        for (bool memory : {false, true}) {
+            SCOPED_TRACE(std::to_string(static_cast<int>(kind)) + (memory ? " out of memory" : " throwing"));
+            EventRecorder thrower(&journal, "t"), after(&journal, "a");
+            thrower.during = [memory] {
+                if (memory) throw std::bad_alloc();
+                throw std::runtime_error("sink");
+            };
+            ASSERT_EQ(0u, Register(kind, thrower));
+            ASSERT_EQ(0u, Register(kind, after));
+            avhost::ClearCapturedLines();
+            Notify(kind, {});
+            const DWORD fence = memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNAL_ERROR;
+            EXPECT_TRUE(result == 0 || result == fence) << result;
+            EXPECT_TRUE(memory ? LineWith(L"out of memory", 4) : LineWith(L"unexpected exception [what = sink]", 4));
+            journal.Take();
+            DWORD left = 1;
+            qvtest::TestThread leaver([&] { left = Unregister(kind, thrower); });
+            EXPECT_TRUE(leaver.Finished(qvtest::kProceedMs)) << "the container's lock was kept";
+            EXPECT_EQ(0u, left);
+            ExpectTold(kind, {"a"});
+            EXPECT_EQ(0u, Unregister(kind, after));
+        }
+    }
+}
+
+// Settings and engines sinks may ask the getters from their notification, on their own thread
+// and on another: the state lock is not held while sinks are told, and the new value is there.
+TEST_F(PluginSinks, SettingsAndEnginesSinksMayAskTheGetters) {
+    for (Kind kind : {Kind::Settings, Kind::Engines}) {
+        SCOPED_TRACE(static_cast<int>(kind));
+        EventRecorder sink(&journal, "a");
+        std::vector<DWORD> results;
+        bool seen[2] = {!backup, !backup};
+        bool otherFinished = true;
+        sink.during = [&] {
+            auto ask = [&](int i) {
+                qv::StringW version;
+                uint64_t count = 0;
+                results.push_back(IsBackupEnabled(plugin.scan, &seen[i]));
+                results.push_back(GetEnginesVersion(plugin.scan, &version));
+                results.push_back(GetSignaturesCount(plugin.scan, &count));
+            };
+            ask(0);
+            qvtest::TestThread asker([&] { ask(1); });
+            otherFinished = otherFinished && asker.Finished(qvtest::kProceedMs);
+        };
+        ASSERT_EQ(0u, Register(kind, sink));
+        ExpectTold(kind, {"a"});
+        EXPECT_TRUE(otherFinished) << "a getter waited for the notification";
+        EXPECT_EQ(std::vector<DWORD>(kind == Kind::Settings ? 6 : 12, 0u), results);
+        if (kind == Kind::Settings) EXPECT_TRUE(seen[0] == backup && seen[1] == backup) << "told before the record changed";
+        EXPECT_EQ(0u, Unregister(kind, sink));
+    }
+}
+
 // Registration and unregistration from another thread wait for the notification in progress
 // and are not part of it.
 TEST_F(PluginSinks, RegistrationWaitsForARunningNotification) {
@@ -148,7 +213,7 @@ TEST_F(PluginSinks, RegistrationWaitsForARunningNotification) {
         SCOPED_TRACE(add ? "register" : "unregister");
         qvtest::Signal inside, release;
         std::atomic<bool> hold{true};
-        first.onScan = [&] {
+        first.during = [&] {
             if (!hold.exchange(false)) return;
             inside.Set();
             release.Wait(qvtest::kProceedMs);
@@ -179,7 +244,7 @@ TEST_F(PluginSinks, RegistrationWaitsForARunningNotification) {
         const Entries expected = add ? Entries{"first" + modes, "first:leaves", "late:done"}
                                      : Entries{"first" + modes, "first:leaves", "late" + modes, "late:done"};
         EXPECT_EQ(expected, journal.Take());
-        first.onScan = nullptr;
+        first.during = nullptr;
         if (add) {
             ExpectTold(Kind::Scan, {"first", "late"});
         }
