@@ -120,29 +120,6 @@ TEST_F(PluginSinks, OrderIsKeptWhenTheMiddleOneLeaves) {
     }
 }
 
-// The modes are announced after the state lock is left: a sink may ask for them again, on its
-// own thread or by handing the question to another one.
-TEST_F(PluginSinks, ScanSinkMayAskForTheModesFromItsNotification) {
-    EventRecorder sink(&journal, "a");
-    DWORD results[2] = {1, 1};
-    ScanMode pairs[2][2] = {};
-    bool otherFinished = false;
-    sink.during = [&] {
-        results[0] = GetScanModes(plugin.scan, &pairs[0][0], &pairs[0][1]);
-        qvtest::TestThread asker([&] { results[1] = GetScanModes(plugin.scan, &pairs[1][0], &pairs[1][1]); });
-        otherFinished = asker.Finished(qvtest::kProceedMs);
-    };
-    ASSERT_EQ(0u, Register(Kind::Scan, sink));
-    ExpectTold(Kind::Scan, {"a"});
-    EXPECT_TRUE(otherFinished) << "the notification still held the state lock";
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(0u, results[i]);
-        EXPECT_EQ(ScanMode::ScanModeRemoteLight, pairs[i][0]);
-        EXPECT_EQ(ScanMode::ScanModeLocalLight, pairs[i][1]);
-    }
-    EXPECT_EQ(0u, Unregister(Kind::Scan, sink));
-}
-
 // A sink that throws out of its notification, or runs out of memory: the call that fired it
 // ends with its fence (or goes on, when a step inside fences it), writes the fence's line, and
 // gives the container's lock back, so that the sink can leave and the next notification reaches
@@ -174,14 +151,16 @@ TEST_F(PluginSinks, ThrowingSinkIsFencedAndTheContainerStaysUsable) {
     }
 }
 
-// Settings and engines sinks may ask the getters from their notification, on their own thread
-// and on another: the state lock is not held while sinks are told, and the new value is there.
-TEST_F(PluginSinks, SettingsAndEnginesSinksMayAskTheGetters) {
-    for (Kind kind : {Kind::Settings, Kind::Engines}) {
+// Every sink may ask the getters from its notification, on its own thread and by handing the
+// question to another one: the state lock is left before sinks are told, and the new state is
+// there to read.
+TEST_F(PluginSinks, SinksMayAskTheGettersFromTheirNotification) {
+    for (Kind kind : kKinds) {
         SCOPED_TRACE(static_cast<int>(kind));
         EventRecorder sink(&journal, "a");
         std::vector<DWORD> results;
         bool seen[2] = {!backup, !backup};
+        ScanMode pairs[2][2] = {};
         bool otherFinished = true;
         sink.during = [&] {
             auto ask = [&](int i) {
@@ -190,6 +169,7 @@ TEST_F(PluginSinks, SettingsAndEnginesSinksMayAskTheGetters) {
                 results.push_back(IsBackupEnabled(plugin.scan, &seen[i]));
                 results.push_back(GetEnginesVersion(plugin.scan, &version));
                 results.push_back(GetSignaturesCount(plugin.scan, &count));
+                results.push_back(GetScanModes(plugin.scan, &pairs[i][0], &pairs[i][1]));
             };
             ask(0);
             qvtest::TestThread asker([&] { ask(1); });
@@ -198,8 +178,14 @@ TEST_F(PluginSinks, SettingsAndEnginesSinksMayAskTheGetters) {
         ASSERT_EQ(0u, Register(kind, sink));
         ExpectTold(kind, {"a"});
         EXPECT_TRUE(otherFinished) << "a getter waited for the notification";
-        EXPECT_EQ(std::vector<DWORD>(kind == Kind::Settings ? 6 : 12, 0u), results);
+        EXPECT_EQ(std::vector<DWORD>(kind == Kind::Engines ? 16 : 8, 0u), results);
         if (kind == Kind::Settings) EXPECT_TRUE(seen[0] == backup && seen[1] == backup) << "told before the record changed";
+        if (kind == Kind::Scan) {
+            for (auto& pair : pairs) {
+                EXPECT_EQ(ScanMode::ScanModeRemoteLight, pair[0]);
+                EXPECT_EQ(fallback == 1 ? ScanMode::ScanModeRemoteLight : ScanMode::ScanModeLocalLight, pair[1]);
+            }
+        }
         EXPECT_EQ(0u, Unregister(kind, sink));
     }
 }
