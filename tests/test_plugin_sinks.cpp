@@ -125,21 +125,25 @@ TEST_F(PluginSinks, OrderIsKeptWhenTheMiddleOneLeaves) {
 // gives the container's lock back, so that the sink can leave and the next notification reaches
 // the others.
 TEST_F(PluginSinks, ThrowingSinkIsFencedAndTheContainerStaysUsable) {
+    enum class Throw { Exception, OutOfMemory, Foreign };  // foreign: not a std::exception at all
     for (Kind kind : kKinds) {
-        for (bool memory : {false, true}) {
-            SCOPED_TRACE(std::to_string(static_cast<int>(kind)) + (memory ? " out of memory" : " throwing"));
+        for (Throw how : {Throw::Exception, Throw::OutOfMemory, Throw::Foreign}) {
+            SCOPED_TRACE(std::to_string(static_cast<int>(kind)) + " " + std::to_string(static_cast<int>(how)));
             EventRecorder thrower(&journal, "t"), after(&journal, "a");
-            thrower.during = [memory] {
-                if (memory) throw std::bad_alloc();
+            thrower.during = [how] {
+                if (how == Throw::OutOfMemory) throw std::bad_alloc();
+                if (how == Throw::Foreign) throw 42;
                 throw std::runtime_error("sink");
             };
             ASSERT_EQ(0u, Register(kind, thrower));
             ASSERT_EQ(0u, Register(kind, after));
             avhost::ClearCapturedLines();
             Notify(kind, {});
-            const DWORD fence = memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNAL_ERROR;
-            EXPECT_TRUE(result == 0 || result == fence) << result;
-            EXPECT_TRUE(memory ? LineWith(L"out of memory", 4) : LineWith(L"unexpected exception [what = sink]", 4));
+            const bool memory = how == Throw::OutOfMemory;
+            EXPECT_TRUE(result == 0 || result == (memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNAL_ERROR)) << result;
+            EXPECT_TRUE(memory                 ? LineWith(L"out of memory", 4)
+                        : how == Throw::Foreign ? LineWith(L"unexpected exception", 4)
+                                                : LineWith(L"unexpected exception [what = sink]", 4));
             journal.Take();
             DWORD left = 1;
             qvtest::TestThread leaver([&] { left = Unregister(kind, thrower); });
