@@ -1,6 +1,7 @@
 // Every call the plug-in makes into a sibling plug-in, failed in turn in a fresh plug-in: the
 // documented code and log line, no crash, no lock held, everything handed back, and a settings
 // file in which every key holds its old value or the new one. Then file-system faults.
+#include "tests/common/EventRecorder.h"
 #include "tests/common/FaultInjection.h"
 #include "tests/common/LogAndFileChecks.h"
 #include "tests/common/ThreadProbe.h"
@@ -78,19 +79,8 @@ struct Rig {
     FaultyHost faults{plugin.env};
 };
 
-// The state a switch step may change, read back through the plug-in's getters.
-struct Switches {
-    bool backup = false, hashChain = false, signatureInfo = false;
-};
-Switches ReadSwitches(void* scan) {
-    Switches s;
-    HashChainSettings hc{false};
-    IsBackupEnabled(scan, &s.backup);
-    GetHashChainSettings(scan, &hc);
-    s.hashChain = hc.enabled;
-    IsSignatureInfoReported(scan, &s.signatureInfo);
-    return s;
-}
+// The three switches as the plug-in's getters answer them.
+std::vector<bool> ReadSwitches(void* scan) { return {BackupOf(scan), HashChainOf(scan), SignatureInfoOf(scan)}; }
 
 struct Step {
     const char* name;
@@ -387,25 +377,13 @@ void ExpectOldOrNew(const Step& step, const Json::Value& before, const Json::Val
 }
 
 bool SwitchValue(void* scan, const std::string& step) {
-    Switches s = ReadSwitches(scan);
-    if (step == "EnableBackup") return s.backup;
-    if (step == "ReportHashChain") return s.hashChain;
-    return s.signatureInfo;
+    return step == "EnableBackup" ? BackupOf(scan) : step == "ReportHashChain" ? HashChainOf(scan) : SignatureInfoOf(scan);
 }
 
 // Every query and every sink container answers from another thread within the time: nothing
 // was left locked by the failed step.
 void ExpectNothingLocked(void* scan) {
-    struct Sink : IAntivirusScan::ISettingsEvents, IAntivirusScan::IEnginesEvents, IAntivirusScan::IScanEvents {
-        int OnBackupStatusChanged(bool) override { return 0; }
-        int OnFeatureStatusChanged(const qv::StringW&, bool) override { return 0; }
-        int OnHashChainSettingsChanged(const HashChainSettings&) override { return 0; }
-        int OnSignatureInfoReportingChanged(bool) override { return 0; }
-        int OnReloadStarted(const qv::StringW&) override { return 0; }
-        int OnReloadEnded(const qv::StringW&, int) override { return 0; }
-        int OnScanModesChanged(ScanMode, ScanMode) override { return 0; }
-    };
-    auto sink = std::make_shared<Sink>();
+    auto sink = std::make_shared<EventRecorder>();
     auto answers = std::make_shared<std::vector<DWORD>>();
     qvtest::TestThread probe([scan, sink, answers] {
         ScanType type;
@@ -423,7 +401,7 @@ void ExpectNothingLocked(void* scan) {
         answers->push_back(UnregisterEngines(scan, sink.get()));
         answers->push_back(UnregisterScan(scan, sink.get()));
     });
-    if (!probe.Finished(5000)) {
+    if (!probe.Finished(qvtest::kProceedMs)) {
         fprintf(stderr, "FATAL: the plug-in stayed locked after a failed call\n");
         fflush(stderr);
         TerminateProcess(GetCurrentProcess(), 3);
@@ -643,7 +621,7 @@ TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
             ASSERT_EQ(0u, ReportSignatureInfo(rig.plugin.scan, false));  // the file now holds every key
             const std::wstring& file = rig.site.settingsFile;
             const std::string before = ReadBytes(file);
-            const Switches old = ReadSwitches(rig.plugin.scan);
+            const std::vector<bool> old = ReadSwitches(rig.plugin.scan);
             avhost::ClearCapturedLines();
             HANDLE held = INVALID_HANDLE_VALUE;
             if (share == MAXDWORD) SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
@@ -656,9 +634,7 @@ TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
             for (const std::wstring& line : step.lines)
                 EXPECT_TRUE(avhost::Contains(rig.site.Expand(line))) << "missing line: " << Narrow(rig.site.Expand(line));
             EXPECT_EQ(before, ReadBytes(file)) << "the file changed although it could not be written";
-            const Switches now = ReadSwitches(rig.plugin.scan);
-            EXPECT_TRUE(old.backup == now.backup && old.hashChain == now.hashChain &&
-                        old.signatureInfo == now.signatureInfo);
+            EXPECT_EQ(old, ReadSwitches(rig.plugin.scan)) << "a switch changed although it could not be saved";
             if (step.key) {
                 EXPECT_EQ(0u, step.run(rig));
                 Json::Value document;

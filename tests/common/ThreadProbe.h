@@ -46,7 +46,6 @@ public:
     TestThread(const TestThread&) = delete;
     TestThread& operator=(const TestThread&) = delete;
 
-    bool Started() const { return handle_ != nullptr; }
     bool Finished(DWORD ms) const { return WaitForSingleObject(handle_, ms) == WAIT_OBJECT_0; }
 
 private:
