@@ -28,7 +28,8 @@ cmake --build "$build" -j"$(nproc)"
 # plug-in would otherwise merge into the same .gcda files at once.
 find "$build" -name '*.gcda' -delete
 source "$here/scripts/wine-env.sh" "$build"
-ctest --test-dir "$build" --timeout 900 -j1 "$@" || echo "coverage: some tests failed; the figures below still count"
+# The release check looks at the package, not at the code; it has its own command.
+ctest --test-dir "$build" --timeout 900 -j1 -E "^release_package$" "$@" || echo "coverage: some tests failed; the figures below still count"
 
 if [ -z "$(find "$build" -name '*.gcda' -print -quit)" ]; then
   echo "coverage: no .gcda file was written under $build" >&2
