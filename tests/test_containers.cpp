@@ -159,6 +159,22 @@ TEST(Map, EnumAndConstEnumSwapKeyAndValueSlots) {
     EXPECT_EQ(42, Slot<Stats*>(e, 2)->count);
     EXPECT_EQ(*Slot<const StringW*>(e, 3), L"Antivirus");
     Slot<void>(e, 4);
+
+    // Walked to its end a const enumerator answers nulls; Clear (slot 8) leaves an empty map that
+    // takes new keys.
+    map.Set(L"Other", Stats{L"1", 1});
+    ce = Slot<qv::ConstEnum<StringW, Stats>*>(&map, 7);
+    int walked = 0;
+    while (Slot<bool>(ce, 0)) walked += Slot<const qv::MapNode<StringW, Stats>*>(ce, 1) != nullptr;
+    EXPECT_EQ(2, walked);
+    EXPECT_EQ(nullptr, (Slot<const qv::MapNode<StringW, Stats>*>(ce, 1)));
+    EXPECT_EQ(nullptr, (Slot<const StringW*>(ce, 2)));
+    EXPECT_EQ(nullptr, (Slot<const Stats*>(ce, 3)));
+    Slot<void>(ce, 4);
+    Slot<void>(&map, 8);
+    EXPECT_EQ(0u, map.Count());
+    map.Set(L"Antivirus", Stats{L"4.0", 4});
+    EXPECT_EQ(1u, map.Count());
 }
 
 } // namespace

@@ -56,6 +56,8 @@ TEST_F(EnginesInfo, UpdateFileGivesTheLastWordOfLinesTwoAndFour) {
         {"x\nCount 3\nz\nVersion 4.4\nCount 9\nVersion 9.9\n", L"4.4", 3},
         {"x\nCount 5\nz\nVersion 5.5", L"5.5", 5},       // no final line feed
         {"[Kit]\r\nSignatures 77\r\nDate\r\nVersion 2.0.1\r\n", L"2.0.1\r", 77},
+        {"x\nCount\t 7\t\nz\nV 1 \t\n", L"1", 7},       // trailing blanks and tabs go first
+        {"x\nCount 6\nz\n\n", L"", 6},                  // an empty fourth line is still a line
         {"[Kit]\nSignatures 77\nDate\n", L"", 0},        // three lines give nothing
     };
     ASSERT_EQ(0u, plugin.Init());

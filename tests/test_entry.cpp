@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <random>
+#include <thread>
 
 namespace {
 
@@ -117,6 +119,43 @@ TEST_F(Exports, UnloadWithReferencesOutstandingDestroysTheObject) {
     void* b = nullptr;
     EXPECT_EQ(0u, again.Create(ids::kPrimaryFaceId, &b));
     again.Destroy(b);
+}
+
+// The host calls the exports one at a time, but nothing stops a sibling from calling them from
+// its own threads: many threads creating, asking and destroying at once, each pair balanced.
+TEST_F(Exports, ManyThreadsCreateAndDestroyAtOnce) {
+    constexpr int kThreads = 8, kRounds = 400;
+    for (bool held : {true, false}) {
+        SCOPED_TRACE(held ? "with a reference held throughout" : "with the object coming and going");
+        void* kept = held ? Create() : nullptr;
+        const int before = Destructions();
+        std::atomic<int> wrong{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < kRounds; ++i) {
+                    void* face = nullptr;
+                    const GUID& id = (i + t) % 2 ? ids::kAntivirusScanFaceId : ids::kPrimaryFaceId;
+                    if (library.Create(id, &face) != 0 || face == nullptr) ++wrong;
+                    void* unknown = reinterpret_cast<void*>(1);
+                    if (library.Create(kUnknownId, &unknown) != 1168 || unknown != nullptr) ++wrong;
+                    if (held && id == ids::kPrimaryFaceId && face != kept) ++wrong;
+                    library.Destroy(face);
+                }
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        EXPECT_EQ(0, wrong.load());
+        if (held) {
+            EXPECT_EQ(before, Destructions()) << "destroyed while a reference was held";
+            library.Destroy(kept);
+            EXPECT_EQ(before + 1, Destructions());
+        }
+        // The count is back at zero: one more pair builds and destroys exactly one object.
+        const int settled = Destructions();
+        library.Destroy(Create());
+        EXPECT_EQ(settled + 1, Destructions());
+    }
 }
 
 } // namespace

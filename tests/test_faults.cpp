@@ -1,6 +1,7 @@
 // Every call the plug-in makes into a sibling plug-in, failed in turn in a fresh plug-in: the
 // documented code and log line, no crash, no lock held, everything handed back, and a settings
 // file in which every key holds its old value or the new one. Then file-system faults.
+#include "tests/common/EventRecorder.h"
 #include "tests/common/FaultInjection.h"
 #include "tests/common/LogAndFileChecks.h"
 #include "tests/common/ThreadProbe.h"
@@ -78,19 +79,8 @@ struct Rig {
     FaultyHost faults{plugin.env};
 };
 
-// The state a switch step may change, read back through the plug-in's getters.
-struct Switches {
-    bool backup = false, hashChain = false, signatureInfo = false;
-};
-Switches ReadSwitches(void* scan) {
-    Switches s;
-    HashChainSettings hc{false};
-    IsBackupEnabled(scan, &s.backup);
-    GetHashChainSettings(scan, &hc);
-    s.hashChain = hc.enabled;
-    IsSignatureInfoReported(scan, &s.signatureInfo);
-    return s;
-}
+// The three switches as the plug-in's getters answer them.
+std::vector<bool> ReadSwitches(void* scan) { return {BackupOf(scan), HashChainOf(scan), SignatureInfoOf(scan)}; }
 
 struct Step {
     const char* name;
@@ -135,25 +125,6 @@ std::vector<Step> Scenario() {
     return steps;
 }
 
-struct Golden {
-    std::vector<DWORD> results;
-    std::vector<std::vector<std::string>> sites;
-};
-
-Golden RunGolden(Mode mode) {
-    Golden golden;
-    Rig rig(mode);
-    for (const Step& step : Scenario()) {
-        rig.faults.plan.Arm(0);
-        golden.results.push_back(step.run(rig));
-        golden.sites.push_back(rig.faults.plan.Sites());
-        rig.faults.plan.Disarm();
-    }
-    rig.plugin.stopped = true;
-    return golden;
-}
-
-
 // What a failed call must lead to: the step's result and the log lines it writes.
 struct Outcome {
     DWORD code;
@@ -161,7 +132,15 @@ struct Outcome {
 };
 constexpr DWORD kAsUsual = 0xFFFFFFFFu;  // the result the step gives without any fault
 
-using Table = std::map<std::string, Outcome>;
+// One documented call into a sibling: the part of the step that makes it, the call as
+// "Plugin::Operation(argument)", and what its failure leads to.
+struct Call {
+    const char* part;
+    std::string site;
+    Outcome outcome;
+};
+using Calls = std::vector<Call>;
+using Table = std::map<std::string, Calls>;  // by scenario step, in the documented order
 
 std::wstring RemoteInfo(int status, int rsMode) {
     return L"RemoteScan info [status = " + std::to_wstring(status) + L"] [fallback = 1] [rsMode = " +
@@ -169,117 +148,182 @@ std::wstring RemoteInfo(int status, int rsMode) {
 }
 
 // The remote-scan queries: their answers are ignored; a failed one leaves its initial value.
-void AddRemoteQueries(Table& t, const std::string& step, int rsMode) {
-    t[step + "|RemoteScan::GetStatus"] = {kAsUsual, {{RemoteInfo(0, rsMode), 32}}};
-    t[step + "|RemoteScan::GetServerCount"] = {kAsUsual, {{RemoteInfo(1, rsMode), 32}}};
-    t[step + "|RemoteScan::GetFallbackMode"] = {kAsUsual,
-                                                {{RemoteInfo(1, 0), 32}, {L"ScanModeNone when using fallback.", 8}}};
+void AddRemoteQueries(Calls& c, const char* part, int rsMode) {
+    c.push_back({part, "RemoteScan::GetStatus", {kAsUsual, {{RemoteInfo(0, rsMode), 32}}}});
+    c.push_back({part, "RemoteScan::GetServerCount", {kAsUsual, {{RemoteInfo(1, rsMode), 32}}}});
+    c.push_back({part, "RemoteScan::GetFallbackMode",
+                 {kAsUsual, {{RemoteInfo(1, 0), 32}, {L"ScanModeNone when using fallback.", 8}}}});
 }
 
-void AddSaveSettings(Table& t, const std::string& step, const std::string& n, const Outcome& outcome) {
-    for (const char* site : {"Settings::OpenSection#", "Section::SetBool(enableBackup)#",
-                             "Section::SetValue(reportHashChain)#", "Section::SetBool(reportSignatureInfo)#"})
-        t[step + "|" + site + n] = outcome;
+const char kSection[] = "Settings::OpenSection(/AntivirusScan)";
+
+// A switch saves the whole record: the section, then the three switches.
+void AddSaveSettings(Calls& c, const char* part, const Outcome& outcome) {
+    for (const char* site : {kSection, "Section::SetBool(enableBackup)", "Section::SetValue(reportHashChain)",
+                             "Section::SetBool(reportSignatureInfo)"})
+        c.push_back({part, site, outcome});
+}
+
+// The engines folder recorded as last known good with reload status 2.
+void AddFolderRecord(Calls& c, const char* part, const std::wstring& oldPath) {
+    const std::wstring paths = L"[oldPath = " + oldPath + L"] [newPath = {engines}]";
+    const Outcome notSaved{0, {{L"Cannot save reload info " + paths, 8}}};
+    c.push_back({part, "ServConfig::GetText(2,scansp)", {0, {{L"[oldPath = " + oldPath + L"] [newPath = ]", 32}}}});
+    c.push_back({part, kSection, {0, {{paths, 32}}}});
+    c.push_back({part, "Section::SetString(engines/folder)", notSaved});
+    c.push_back({part, "Section::SetUInt(engines/reloadStatus)", notSaved});
 }
 
 Outcome Missing(const wchar_t* name, DWORD code, const wchar_t* message, uint32_t severity) {
     return {code, {{L"Error 1168 getting plugin \"" + std::wstring(name) + L"\"", 8}, {message, severity}}};
 }
 
-// Keys are "step|site#n" (the n-th call of that site within the step) or "step|site" (any call).
-const Table& Outcomes(Mode mode) {
+std::string Get(const wchar_t* name) { return "Manager::GetPlugin(" + Narrow(name) + ")"; }
+std::string Release(const wchar_t* name) { return "Manager::ReleasePlugin(" + Narrow(name) + ")"; }
+
+// Every call each step makes into a sibling, in the documented order, with what its failure
+// leads to. The scenario must make exactly these calls: one left out, added or moved fails.
+const Table& Documented(Mode mode) {
     static Table normal, recovery;
     Table& t = mode == Mode::Normal ? normal : recovery;
     if (!t.empty()) return t;
     const bool rec = mode == Mode::Recovery;
 
-    t["Init|Manager::GetPlugin(productinfo)"] =
-        Missing(ids::kServConfigName, 5002, L"Dependency not found : ServConfig.", 4);
-    t["Init|ServConfig::GetText(17,scansp)"] = {0, {{L"Core temp path is empty!", 4}}};
-    t["Init|ServConfig::GetText(51,BASE)"] = {13, {{L"Invalid scan type [config = ]", 4}, {L"Invalid scan type.", 4}}};
-    t["Init|Manager::GetPlugin(Update.UpdateAL)"] =
-        Missing(ids::kUpdateName, 5002, L"Dependency not found : Update.", 4);
-    t["Init|Manager::GetPlugin(KXSettings)"] =
-        Missing(ids::kSettingsName, 5002, L"Dependency not found : Settings.", 4);
-    t["Init|Settings::OpenSection#1"] = {0, {{L"Cannot load settings.", 8}, {L"[backup = 0]", 32}}};
+    Calls& init = t["Init"];
+    init.push_back({"service configuration", Get(ids::kServConfigName),
+                    Missing(ids::kServConfigName, 5002, L"Dependency not found : ServConfig.", 4)});
+    init.push_back({"InitCoreTempFolder", "ServConfig::GetText(17,scansp)", {0, {{L"Core temp path is empty!", 4}}}});
+    init.push_back({"InitScanType", "ServConfig::GetText(51,BASE)",
+                    {13, {{L"Invalid scan type [config = ]", 4}, {L"Invalid scan type.", 4}}}});
+    init.push_back({"update plug-in", Get(ids::kUpdateName),
+                    Missing(ids::kUpdateName, 5002, L"Dependency not found : Update.", 4)});
+    init.push_back({"settings plug-in", Get(ids::kSettingsName),
+                    Missing(ids::kSettingsName, 5002, L"Dependency not found : Settings.", 4)});
+    init.push_back({"InitSettings", kSection, {0, {{L"Cannot load settings.", 8}, {L"[backup = 0]", 32}}}});
     for (const char* get : {"GetBool(enableBackup)", "GetValue(reportHashChain)", "GetBool(reportSignatureInfo)"})
-        t[std::string("Init|Section::") + get] = {0, {{L"[backup = 0]", 32}}};
-    t["Init|Section::GetUInt(engines/reloadStatus)"] = {0, {{L"Last reload engines status = 2", 32}}};
-    t["Init|Section::GetString(engines/folder)"] = {0, {{L"LastOk engines folder = ", 32}}};
-    t["Init|ServConfig::GetText(0,signaturesPatterns)"] = {0, {{L"No sig folder pattern", 8}}};
-    t["Init|ServConfig::GetText(2,scansp)#1"] = {0, {{L"Latest engines folder = ", 32}}};
-    t["Init|Manager::GetPlugin(scansp)"] = Missing(ids::kScanSpName, 0, L"Dependency not found : ScanSp.", 8);
-    t["Init|ServConfig::GetText(2,scansp)#2"] = {0, {{L"[oldPath = ] [newPath = ]", 32}}};
-    t["Init|Settings::OpenSection#2"] = {0, {{L"[oldPath = ] [newPath = {engines}]", 32}}};
-    t["Init|Section::SetString(engines/folder)"] = {0,
-                                                    {{L"Cannot save reload info [oldPath = ] [newPath = {engines}]", 8}}};
-    t["Init|Section::SetUInt(engines/reloadStatus)"] = t["Init|Section::SetString(engines/folder)"];
-    t["Init|Manager::GetPlugin(AntivirusScan.Remote)"] =
-        Missing(ids::kRemoteScanName, 0, L"Dependency not found : RemoteScan.", 8);
-    AddRemoteQueries(t, "Init", 2);
-    t["Init|Manager::GetPlugin(ctc)"] = Missing(ids::kCtcName, 0, L"Dependency not found : CTC.", 32);
-    t["Init|ScanSp::GetInterface"] = {0, {}};
-    t["Init|CrashHandler::SetOption(6001)"] = {0, {{L"SilentSubmitDump [error = 31]", 32}}};
-    t["Init|CrashHandler::SetOption(6002)"] = {0, {{L"SilentSubmitDefaultAct [error = 31]", 32}}};
-    t["Init|ScanSp::SetOption(9)"] = {0, {{L"Cannot apply backup status. [error = 31]", 8}}};
+        init.push_back({"InitSettings", std::string("Section::") + get, {0, {{L"[backup = 0]", 32}}}});
+    init.push_back({"InitSettings", "Section::GetUInt(engines/reloadStatus)",
+                    {0, {{L"Last reload engines status = 2", 32}}}});
+    init.push_back({"InitSettings", "Section::GetString(engines/folder)", {0, {{L"LastOk engines folder = ", 32}}}});
+    init.push_back({"LogEnginesFolder", "ServConfig::GetText(0,signaturesPatterns)", {0, {{L"No sig folder pattern", 8}}}});
+    init.push_back({"LogEnginesFolder", "ServConfig::GetText(2,scansp)", {0, {{L"Latest engines folder = ", 32}}}});
+    init.push_back({"scan service provider", Get(ids::kScanSpName),
+                    Missing(ids::kScanSpName, 0, L"Dependency not found : ScanSp.", 8)});
+    if (!rec) AddFolderRecord(init, "OnReloadSuccessfull", L"");
+    init.push_back({"remote-scan plug-in", Get(ids::kRemoteScanName),
+                    Missing(ids::kRemoteScanName, 0, L"Dependency not found : RemoteScan.", 8)});
+    AddRemoteQueries(init, "InitScanMode", 2);
+    init.push_back({"CTC plug-in", Get(ids::kCtcName), Missing(ids::kCtcName, 0, L"Dependency not found : CTC.", 32)});
+    if (!rec) {
+        init.push_back({"DisableScanCrashHandler", "ScanSp::GetInterface", {0, {}}});
+        init.push_back({"DisableScanCrashHandler", "CrashHandler::SetOption(6001)",
+                        {0, {{L"SilentSubmitDump [error = 31]", 32}}}});
+        init.push_back({"DisableScanCrashHandler", "CrashHandler::SetOption(6002)",
+                        {0, {{L"SilentSubmitDefaultAct [error = 31]", 32}}}});
+        init.push_back({"ApplyBackupStatus", "ScanSp::SetOption(9)",
+                        {0, {{L"Cannot apply backup status. [error = 31]", 8}}}});
+    }
 
-    t["Start|Update::RegisterEvents"] = {15025, {{L"Cannot register update events [error = 31]", 4}}};
-    t["Start|RemoteScan::RegisterEvents"] = {15025, {{L"Cannot register remote scan events [error = 31]", 4}}};
+    t["Start"] = {{"update events", "Update::RegisterEvents", {15025, {{L"Cannot register update events [error = 31]", 4}}}},
+                  {"remote-scan events", "RemoteScan::RegisterEvents",
+                   {15025, {{L"Cannot register remote scan events [error = 31]", 4}}}}};
 
-    t["DelayedStart|ServConfig::GetText(2,scansp)"] = {0, {{L"Invalid engines path = ", 32}}};
-    t["DelayedStart|Update::GetStatistics"] = {
-        0, {{L"Cannot obtain update statistics. [error = 31]", 4}, {L"Signature [version = 9.9.9] [count = 1000]", 32}}};
-    AddRemoteQueries(t, "DelayedStart", 2);
-    t["DelayedStart|Manager::GetPlugin(Product.Matrix)"] = {0, {{L"Cannot obtain Telemetry plugin", 4}}};
-    t["DelayedStart|Telemetry::SubmitEvent"] = {0, {}};
-    t["DelayedStart|Manager::ReleasePlugin(Product.Matrix)"] = {0, {}};
-    t["DelayedStart|ServConfig::GetText(0,common)"] = {0, {{L"deleting wslib.db = {exe}\\installer\\wslib.db", 32}}};
-    t["DelayedStart|Update::GetUpdateSettings"] = {0, {{L"Failed to read the update settings [error = 31]", 4}}};
-    t["DelayedStart|Update::StartUpdate"] = {0, {{L"StartUpdate failed [error = 31] [status = 0]", 32}}};
+    Calls& delayed = t["DelayedStart"];
+    const Outcome noEngines{0, {{L"Invalid engines path = ", 32}}};
+    delayed.push_back({"GenerateNonRemoteScanPlugins", "ServConfig::GetText(2,scansp)", noEngines});
+    if (!rec) {
+        delayed.push_back({"ComputeSigInfo", "Update::GetStatistics",
+                           {0, {{L"Cannot obtain update statistics. [error = 31]", 4},
+                                {L"Signature [version = 9.9.9] [count = 1000]", 32}}}});
+        AddRemoteQueries(delayed, "RefreshScanModes", 2);
+    } else {
+        delayed.push_back({"recovery-started event", Get(ids::kTelemetryName), {0, {{L"Cannot obtain Telemetry plugin", 4}}}});
+        delayed.push_back({"recovery-started event", "Telemetry::SubmitEvent", {0, {}}});
+        delayed.push_back({"recovery-started event", Release(ids::kTelemetryName), {0, {}}});
+        delayed.push_back({"RecoveryStep_InvalidateCache", "ServConfig::GetText(0,common)",
+                           {0, {{L"deleting wslib.db = {exe}\\installer\\wslib.db", 32}}}});
+        delayed.push_back({"RecoveryStep_GenDummyMissingFiles", "ServConfig::GetText(2,scansp)", noEngines});
+        delayed.push_back({"RecoveryStep_StartUpdateSig", "Update::GetUpdateSettings",
+                           {0, {{L"Failed to read the update settings [error = 31]", 4}}}});
+        delayed.push_back({"RecoveryStep_StartUpdateSig", "Update::StartUpdate",
+                           {0, {{L"StartUpdate failed [error = 31] [status = 0]", 32}}}});
+    }
 
-    AddRemoteQueries(t, "OnScanModeChanged", 1);
+    AddRemoteQueries(t["OnScanModeChanged"], "RefreshScanModes", 1);
 
+    Calls& installed = t["OnComponentInstalled"];
     const std::wstring lastOk = rec ? L"" : L"{engines}";
-    const std::string ci = "OnComponentInstalled|";
-    t[ci + "Settings::OpenSection#1"] = {0, {{L"[lastOk = " + lastOk + L"] [oldReloadStatus = 2] [newReloadStatus = 1]", 32}}};
-    t[ci + "Section::SetUInt(engines/reloadStatus)#1"] = {0, {{L"Cannot save reload info [lastOk = " + lastOk + L"]", 8}}};
-    t[ci + "ScanSp::ReloadEngines"] = {0, {{L"OnReloadEnded [path = {engines}] [error = 31]", 4}}};
-    t[ci + "Manager::GetPlugin(scansp)"] = {0, {{L"ScanSp load NOT-FIXED => invalidate_cache", 8}}};
-    t[ci + "Manager::ReleasePlugin(scansp)"] = {0, {{L"ScanSp load FIXED => restart service required", 8}}};
-    t[ci + "ServConfig::GetText(2,scansp)"] = {0, {{L"[oldPath = " + lastOk + L"] [newPath = ]", 32}}};
-    t[ci + "Settings::OpenSection#2"] = {0, {{L"[oldPath = " + lastOk + L"] [newPath = {engines}]", 32}}};
-    t[ci + "Section::SetString(engines/folder)"] = {
-        0, {{L"Cannot save reload info [oldPath = " + lastOk + L"] [newPath = {engines}]", 8}}};
-    t[ci + "Section::SetUInt(engines/reloadStatus)#2"] = t[ci + "Section::SetString(engines/folder)"];
-    t[ci + "ScanSp::SetOption(9)"] = {
-        0, {{L"Cannot apply backup status. [error = 31]", 8}, {L"Cannot apply backup status [value = 0]", 8}}};
-    t[ci + "Update::GetStatistics"] = {0, {{L"Cannot obtain update statistics. [error = 31]", 4}}};
-    AddRemoteQueries(t, "OnComponentInstalled", 1);
-    t[ci + "Update::RestartService"] = {0, {{L"Restart service using Update failed [error = 31]", 4}}};
+    installed.push_back({"reload status 1", kSection,
+                         {0, {{L"[lastOk = " + lastOk + L"] [oldReloadStatus = 2] [newReloadStatus = 1]", 32}}}});
+    installed.push_back({"reload status 1", "Section::SetUInt(engines/reloadStatus)",
+                         {0, {{L"Cannot save reload info [lastOk = " + lastOk + L"]", 8}}}});
+    if (!rec) {
+        installed.push_back({"reload", "ScanSp::ReloadEngines", {0, {{L"OnReloadEnded [path = {engines}] [error = 31]", 4}}}});
+    } else {
+        installed.push_back({"recovery reload", Get(ids::kScanSpName), {0, {{L"ScanSp load NOT-FIXED => invalidate_cache", 8}}}});
+        installed.push_back({"recovery reload", Release(ids::kScanSpName),
+                             {0, {{L"ScanSp load FIXED => restart service required", 8}}}});
+    }
+    AddFolderRecord(installed, "OnReloadSuccessfull", lastOk);
+    if (!rec) {
+        installed.push_back({"ApplyBackupStatus", "ScanSp::SetOption(9)",
+                             {0, {{L"Cannot apply backup status. [error = 31]", 8},
+                                  {L"Cannot apply backup status [value = 0]", 8}}}});
+        installed.push_back({"ComputeSigInfo", "Update::GetStatistics",
+                             {0, {{L"Cannot obtain update statistics. [error = 31]", 4}}}});
+    }
+    AddRemoteQueries(installed, "RefreshScanModes", 1);
+    if (rec) {
+        installed.push_back({"RecoveryStep_RestartService", "Update::RestartService",
+                             {0, {{L"Restart service using Update failed [error = 31]", 4}}}});
+    }
 
     const Outcome saveFailed{1013, {{L"save failed", 4}}};
-    AddSaveSettings(t, "EnableBackup", "1", saveFailed);
-    // Without the provider the backup cannot be applied and the old record is written back;
-    // a failure of that write changes nothing in the answer.
-    AddSaveSettings(t, "EnableBackup", "2", {1359, {{L"ScanSp not loaded.", 8}, {L"apply failed", 4}}});
-    t["EnableBackup|ScanSp::SetOption(9)"] = {
-        1359, {{L"Cannot apply backup status. [error = 31]", 8}, {L"apply failed", 4}}};
-    for (const char* step : {"ReportHashChain", "ReportSignatureInfo"}) AddSaveSettings(t, step, "1", saveFailed);
-    for (const char* site : {"Settings::OpenSection", "Section::SetBool(Quarantine)"})
-        t[std::string("SetFeatureStatus|") + site] = {0, {{L"[name = Quarantine] [isLocked = 0]", 32}}};
-    for (const char* site : {"Settings::OpenSection", "Section::GetBool(Firewall)"})
-        t[std::string("GetFeatureStatus|") + site] = {0, {}};
-    for (const char* site : {"Update::UnregisterEvents", "RemoteScan::UnregisterEvents"})
-        t[std::string("Stop|") + site] = {0, {}};
-    for (const wchar_t* name : kAllPlugins)
-        t["UnInit|Manager::ReleasePlugin(" + Narrow(name) + ")"] = {0, {}};
+    AddSaveSettings(t["EnableBackup"], "save", saveFailed);
+    if (!rec) {
+        t["EnableBackup"].push_back({"apply", "ScanSp::SetOption(9)",
+                                     {1359, {{L"Cannot apply backup status. [error = 31]", 8}, {L"apply failed", 4}}}});
+    } else {
+        // Without the provider the backup cannot be applied and the old record is written back;
+        // a failure of that write changes nothing in the answer.
+        AddSaveSettings(t["EnableBackup"], "old record written back",
+                        {1359, {{L"ScanSp not loaded.", 8}, {L"apply failed", 4}}});
+    }
+    for (const char* step : {"ReportHashChain", "ReportSignatureInfo"}) AddSaveSettings(t[step], "save", saveFailed);
+    for (const char* site : {kSection, "Section::SetBool(Quarantine)"})
+        t["SetFeatureStatus"].push_back({"save", site, {0, {{L"[name = Quarantine] [isLocked = 0]", 32}}}});
+    for (const char* site : {kSection, "Section::GetBool(Firewall)"})
+        t["GetFeatureStatus"].push_back({"read", site, {0, {}}});
+    t["Stop"] = {{"update events", "Update::UnregisterEvents", {0, {}}},
+                 {"remote-scan events", "RemoteScan::UnregisterEvents", {0, {}}}};
+    // Handed back in the documented order.
+    for (const wchar_t* name : {ids::kCtcName, ids::kRemoteScanName, ids::kServConfigName, ids::kSettingsName,
+                                ids::kUpdateName, ids::kScanSpName})
+        if (!(rec && name == ids::kScanSpName)) t["UnInit"].push_back({"hand back", Release(name), {0, {}}});
     return t;
 }
 
-const Outcome* Find(const Table& table, const std::string& step, const std::string& site) {
-    auto it = table.find(step + "|" + site);
-    if (it == table.end()) it = table.find(step + "|" + site.substr(0, site.rfind('#')));
-    return it == table.end() ? nullptr : &it->second;
+struct Golden {
+    std::vector<DWORD> results;
+};
+
+// The scenario without a fault: every step makes exactly its documented calls, in order.
+Golden RunGolden(Mode mode) {
+    Golden golden;
+    Rig rig(mode);
+    const Table& table = Documented(mode);
+    for (const Step& step : Scenario()) {
+        rig.faults.plan.Arm();
+        golden.results.push_back(step.run(rig));
+        rig.faults.plan.Disarm();
+        std::vector<std::string> documented;
+        auto it = table.find(step.name);
+        if (it != table.end())
+            for (const Call& call : it->second) documented.push_back(call.site);
+        EXPECT_EQ(documented, rig.faults.plan.Sites()) << step.name << ": calls into the siblings";
+    }
+    rig.plugin.stopped = true;
+    return golden;
 }
 
 const Golden& GoldenFor(Mode mode) {
@@ -333,25 +377,13 @@ void ExpectOldOrNew(const Step& step, const Json::Value& before, const Json::Val
 }
 
 bool SwitchValue(void* scan, const std::string& step) {
-    Switches s = ReadSwitches(scan);
-    if (step == "EnableBackup") return s.backup;
-    if (step == "ReportHashChain") return s.hashChain;
-    return s.signatureInfo;
+    return step == "EnableBackup" ? BackupOf(scan) : step == "ReportHashChain" ? HashChainOf(scan) : SignatureInfoOf(scan);
 }
 
 // Every query and every sink container answers from another thread within the time: nothing
 // was left locked by the failed step.
 void ExpectNothingLocked(void* scan) {
-    struct Sink : IAntivirusScan::ISettingsEvents, IAntivirusScan::IEnginesEvents, IAntivirusScan::IScanEvents {
-        int OnBackupStatusChanged(bool) override { return 0; }
-        int OnFeatureStatusChanged(const qv::StringW&, bool) override { return 0; }
-        int OnHashChainSettingsChanged(const HashChainSettings&) override { return 0; }
-        int OnSignatureInfoReportingChanged(bool) override { return 0; }
-        int OnReloadStarted(const qv::StringW&) override { return 0; }
-        int OnReloadEnded(const qv::StringW&, int) override { return 0; }
-        int OnScanModesChanged(ScanMode, ScanMode) override { return 0; }
-    };
-    auto sink = std::make_shared<Sink>();
+    auto sink = std::make_shared<EventRecorder>();
     auto answers = std::make_shared<std::vector<DWORD>>();
     qvtest::TestThread probe([scan, sink, answers] {
         ScanType type;
@@ -369,7 +401,7 @@ void ExpectNothingLocked(void* scan) {
         answers->push_back(UnregisterEngines(scan, sink.get()));
         answers->push_back(UnregisterScan(scan, sink.get()));
     });
-    if (!probe.Finished(5000)) {
+    if (!probe.Finished(qvtest::kProceedMs)) {
         fprintf(stderr, "FATAL: the plug-in stayed locked after a failed call\n");
         fflush(stderr);
         TerminateProcess(GetCurrentProcess(), 3);
@@ -386,8 +418,6 @@ void ExpectEverythingGivenBack(Rig& rig) {
     EXPECT_EQ(0, rig.faults.OutstandingCrashHandlers());
 }
 
-// Runs the scenario up to the step, fails the call numbered `call` of that step, and checks
-// everything a failure must leave behind.
 using Refusal = FaultyHost::Refusal;
 
 // A plug-in refused rather than missing: the same outcome with the refusal's code, or, when the
@@ -405,14 +435,19 @@ Outcome ForRefusal(const Outcome& missing, Refusal refusal, const std::string& s
     return outcome;
 }
 
-void RunFault(Mode mode, size_t stepIndex, int call, Refusal refusal = Refusal::Missing) {
+// Runs the scenario up to the step, fails the documented call in it (the `occurrence`-th call
+// of that site within the step), and checks everything a failure must leave behind.
+using Failure = FaultPlan::Failure;
+
+void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Refusal refusal = Refusal::Missing,
+              Failure how = Failure::Error) {
     const Golden& golden = GoldenFor(mode);
     const std::vector<Step> steps = Scenario();
     const Step& step = steps[stepIndex];
-    const std::string site = golden.sites[stepIndex][call - 1];
     const char* const refusals[] = {"", " (refused)", " (refused, interface written)"};
-    SCOPED_TRACE(std::string(mode == Mode::Normal ? "normal" : "recovery") + " " + step.name + " | " + site +
-                 refusals[static_cast<int>(refusal)]);
+    SCOPED_TRACE(std::string(mode == Mode::Normal ? "normal" : "recovery") + " " + step.name + " / " + call.part +
+                 " | " + call.site + " #" + std::to_string(occurrence) + refusals[static_cast<int>(refusal)] +
+                 (how == Failure::Throw ? " throwing" : how == Failure::OutOfMemory ? " out of memory" : ""));
 
     Rig rig(mode);
     rig.faults.refusal = refusal;
@@ -422,25 +457,29 @@ void RunFault(Mode mode, size_t stepIndex, int call, Refusal refusal = Refusal::
     const bool oldValue = step.key && step.newValue.isBool() ? SwitchValue(rig.plugin.scan, step.name) : false;
 
     avhost::ClearCapturedLines();
-    rig.faults.plan.Arm(call);
+    rig.faults.plan.Arm(call.site, occurrence, how);
     const DWORD result = step.run(rig);
     rig.faults.plan.Disarm();
-    ASSERT_EQ(site, rig.faults.plan.Failed()) << "the step made other calls than without the fault";
+    ASSERT_TRUE(rig.faults.plan.Failed()) << "the documented call was not made";
 
-    const Outcome* documented = Find(Outcomes(mode), step.name, site);
-    Outcome adapted;
-    if (documented && refusal != Refusal::Missing) adapted = ForRefusal(*documented, refusal, site);
-    const Outcome* outcome = documented && refusal != Refusal::Missing ? &adapted : documented;
-    if (!outcome) {
-        ADD_FAILURE() << "no documented outcome for this fault (result " << result << ")";
-    } else {
-        EXPECT_EQ(outcome->code == kAsUsual ? golden.results[stepIndex] : outcome->code, result);
-        for (const auto& line : outcome->lines) {
+    if (how == Failure::Error) {
+        const Outcome outcome = refusal == Refusal::Missing ? call.outcome : ForRefusal(call.outcome, refusal, call.site);
+        EXPECT_EQ(outcome.code == kAsUsual ? golden.results[stepIndex] : outcome.code, result);
+        for (const auto& line : outcome.lines) {
             const std::wstring text = rig.site.Expand(line.first);
             EXPECT_TRUE(LineWith(text, line.second)) << "missing line: " << Narrow(text) << " (" << line.second << ")";
         }
+        EXPECT_FALSE(LineStartingWith(L"unexpected exception"));
+    } else {
+        // The fence of the slot, or of a step inside it that only logs: the step either ends with
+        // the fence's code or goes on as it would have, and the fence's line is written either way.
+        const bool memory = how == Failure::OutOfMemory;
+        const DWORD fenced = memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNAL_ERROR;
+        EXPECT_TRUE(result == fenced || result == golden.results[stepIndex]) << "result " << result;
+        EXPECT_TRUE(memory ? CountLines(L"out of memory", 4) > 0
+                           : CountFramed(L"unexpected exception [what = injected by " + std::wstring(call.site.begin(), call.site.end()), L"]", 4) > 0)
+            << "no line from the fence";
     }
-    EXPECT_FALSE(LineStartingWith(L"unexpected exception"));
     if (stepIndex + 2 < steps.size() && rig.plugin.primary) ExpectNothingLocked(rig.plugin.scan);
 
     const Json::Value after = FileSection(rig.site, &valid);
@@ -473,16 +512,40 @@ void RunFault(Mode mode, size_t stepIndex, int call, Refusal refusal = Refusal::
     EXPECT_TRUE(valid);
 }
 
-int RunEveryFault(Mode mode) {
-    const Golden& golden = GoldenFor(mode);
+// Throws the plug-in does not survive yet: an exception out of a release leaves the later
+// plug-ins held in UnInit, and ends the process when the release runs in a holder's destructor
+// (the telemetry plug-in's, the scan provider's); one out of the crash handler keeps its
+// interface. Skipped by name, and printed, until the holders give back on every path; remove an
+// entry and the sweep checks those calls again.
+const char* const kNotYetFenced[] = {"Manager::ReleasePlugin(", "CrashHandler::SetOption("};
+
+// Every documented call failed in turn: with its error answer (and each get also refused, with
+// and without the interface written), or thrown, alternately an exception and an allocation
+// failure.
+int RunSweep(Mode mode, bool throwing) {
+    GoldenFor(mode);
+    const std::vector<Step> steps = Scenario();
+    const Table& table = Documented(mode);
     int points = 0;
-    for (size_t step = 0; step < golden.sites.size(); ++step) {
-        for (size_t call = 1; call <= golden.sites[step].size(); ++call) {
-            RunFault(mode, step, static_cast<int>(call));
+    for (size_t step = 0; step < steps.size(); ++step) {
+        auto it = table.find(steps[step].name);
+        if (it == table.end()) continue;
+        std::map<std::string, int> seen;
+        for (const Call& call : it->second) {
+            const int occurrence = ++seen[call.site];
+            if (throwing) {
+                bool open = false;
+                for (const char* prefix : kNotYetFenced) open = open || call.site.rfind(prefix, 0) == 0;
+                if (open) printf("not yet fenced: %s|%s\n", steps[step].name, call.site.c_str());
+                if (!open) RunFault(mode, step, call, occurrence, Refusal::Missing,
+                                    ++points % 2 ? Failure::Throw : Failure::OutOfMemory);
+                continue;
+            }
+            RunFault(mode, step, call, occurrence);
             ++points;
-            if (golden.sites[step][call - 1].rfind("Manager::GetPlugin(", 0) != 0) continue;
+            if (call.site.rfind("Manager::GetPlugin(", 0) != 0) continue;
             for (Refusal refusal : {Refusal::Refused, Refusal::RefusedButWritten}) {
-                RunFault(mode, step, static_cast<int>(call), refusal);
+                RunFault(mode, step, call, occurrence, refusal);
                 ++points;
             }
         }
@@ -491,15 +554,21 @@ int RunEveryFault(Mode mode) {
 }
 
 TEST(SiblingFaults, EveryCallOfANormalStartUpFailedInTurn) {
-    const int points = RunEveryFault(Mode::Normal);
+    const int points = RunSweep(Mode::Normal, false);
     printf("fault points (normal start-up): %d\n", points);
     EXPECT_GE(points, 60);
 }
 
 TEST(SiblingFaults, EveryCallOfARecoveryStartUpFailedInTurn) {
-    const int points = RunEveryFault(Mode::Recovery);
+    const int points = RunSweep(Mode::Recovery, false);
     printf("fault points (engines recovery): %d\n", points);
     EXPECT_GE(points, 50);
+}
+
+TEST(SiblingFaults, EveryCallThrowingInTurnIsFenced) {
+    const int points = RunSweep(Mode::Normal, true) + RunSweep(Mode::Recovery, true);
+    printf("throwing fault points: %d\n", points);
+    EXPECT_GE(points, 100);
 }
 
 // The settings file cannot be replaced (read-only, held without sharing, held for reading)
@@ -536,7 +605,7 @@ TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
             ASSERT_EQ(0u, ReportSignatureInfo(rig.plugin.scan, false));  // the file now holds every key
             const std::wstring& file = rig.site.settingsFile;
             const std::string before = ReadBytes(file);
-            const Switches old = ReadSwitches(rig.plugin.scan);
+            const std::vector<bool> old = ReadSwitches(rig.plugin.scan);
             avhost::ClearCapturedLines();
             HANDLE held = INVALID_HANDLE_VALUE;
             if (share == MAXDWORD) SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
@@ -549,9 +618,7 @@ TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
             for (const std::wstring& line : step.lines)
                 EXPECT_TRUE(avhost::Contains(rig.site.Expand(line))) << "missing line: " << Narrow(rig.site.Expand(line));
             EXPECT_EQ(before, ReadBytes(file)) << "the file changed although it could not be written";
-            const Switches now = ReadSwitches(rig.plugin.scan);
-            EXPECT_TRUE(old.backup == now.backup && old.hashChain == now.hashChain &&
-                        old.signatureInfo == now.signatureInfo);
+            EXPECT_EQ(old, ReadSwitches(rig.plugin.scan)) << "a switch changed although it could not be saved";
             if (step.key) {
                 EXPECT_EQ(0u, step.run(rig));
                 Json::Value document;
@@ -612,17 +679,15 @@ TEST(FileFaults, FilesTheStepsTouchBeingLockedOrUncreatable) {
              EXPECT_TRUE(Exists(r.site.root + L"\\temp\\held.tmp"));
              EXPECT_FALSE(Exists(r.site.root + L"\\temp\\old.tmp"));
          }},
-        {"read-only cache file in recovery", Mode::Recovery,
-         [](Rig& r) {
-             SetFileAttributesW((r.site.common + L"\\installer\\wslib.m").c_str(), FILE_ATTRIBUTE_READONLY);
-             return INVALID_HANDLE_VALUE;
-         },
+        // A cache file that cannot be deleted. Held open without sharing rather than made
+        // read-only: Windows refuses to delete a read-only file, but Wine deletes it.
+        {"cache file held open in recovery", Mode::Recovery,
+         [](Rig& r) { return HoldOpen(r.site.common + L"\\installer\\wslib.m"); },
          [](Rig& r) {
              const std::wstring m = r.site.common + L"\\installer\\wslib.m";
              EXPECT_FALSE(Exists(r.site.common + L"\\installer\\wslib.db"));
-             if (Exists(m)) {
-                 EXPECT_TRUE(LineWith(L"Cannot delete file [error = 5] [path = " + m + L"]", 4));
-             }
+             EXPECT_TRUE(Exists(m));
+             EXPECT_TRUE(LineWith(L"Cannot delete file [error = 32] [path = " + m + L"]", 4));
              EXPECT_EQ(1u, r.plugin.env.update.Requests().size()) << "the sequence went on";
          }},
     };

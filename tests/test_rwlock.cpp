@@ -9,11 +9,13 @@
 
 #include "support/SyncRWLock.h"
 #include "tests/common/ChildProcess.h"
+#include "tests/common/LockProbe.h"
 #include "tests/common/ThreadProbe.h"
 
 using qv::CSyncRWLock;
-using qvtest::kBlockedMs;
 using qvtest::kProceedMs;
+using qvtest::StateOf;
+using qvtest::WaitForWaiters;
 using qvtest::Signal;
 using qvtest::TestThread;
 
@@ -51,9 +53,10 @@ TEST(SyncRWLock, ReaderRecursionHoldsTheLockUntilTheLastRelease) {
     lock.AcquireRead(0);
     lock.AcquireRead(0);
     Holder writer(lock, Mode::Write);
-    EXPECT_FALSE(writer.acquired.Wait(kBlockedMs));
+    ASSERT_TRUE(WaitForWaiters(lock, 0, 1));
     lock.ReleaseRead(0);
-    EXPECT_FALSE(writer.acquired.Wait(kBlockedMs));
+    EXPECT_EQ(1u, StateOf(lock).writersWaiting) << "handed over while a read was still held";
+    EXPECT_FALSE(writer.acquired.IsSet());
     lock.ReleaseRead(0);
     EXPECT_TRUE(writer.acquired.Wait(kProceedMs));
     EXPECT_TRUE(writer.LetGo());
@@ -67,10 +70,11 @@ TEST(SyncRWLock, WriterMayReadAndWriteAgainAndFreesOnlyAtDepthZero) {
         lock.AcquireRead(0);
         lock.AcquireWrite(0);
         Holder reader(lock, Mode::Read);
-        EXPECT_FALSE(reader.acquired.Wait(kBlockedMs));
+        ASSERT_TRUE(WaitForWaiters(lock, 1, 0));
         lock.ReleaseWrite(0);
         writesFirst ? lock.ReleaseWrite(0) : lock.ReleaseRead(0);
-        EXPECT_FALSE(reader.acquired.Wait(kBlockedMs));
+        EXPECT_EQ(1u, StateOf(lock).readersWaiting) << "handed over while the writer still held it";
+        EXPECT_FALSE(reader.acquired.IsSet());
         writesFirst ? lock.ReleaseRead(0) : lock.ReleaseWrite(0);
         EXPECT_TRUE(reader.acquired.Wait(kProceedMs));
         EXPECT_TRUE(reader.LetGo());
@@ -91,14 +95,16 @@ TEST(SyncRWLock, WaitingWriterKeepsNewReadersOutButNotARecursiveOne) {
     });
     ASSERT_TRUE(first.Wait(kProceedMs));
     Holder writer(lock, Mode::Write);
-    EXPECT_FALSE(writer.acquired.Wait(kBlockedMs));
+    ASSERT_TRUE(WaitForWaiters(lock, 0, 1));
     Holder latecomer(lock, Mode::Read);
-    EXPECT_FALSE(latecomer.acquired.Wait(kBlockedMs));
+    ASSERT_TRUE(WaitForWaiters(lock, 1, 1)) << "a new reader went past a waiting writer";
+    EXPECT_FALSE(latecomer.acquired.IsSet());
 
     again.Set();
     EXPECT_TRUE(done.Wait(kProceedMs));
     EXPECT_TRUE(writer.acquired.Wait(kProceedMs));
-    EXPECT_FALSE(latecomer.acquired.Wait(kBlockedMs));
+    EXPECT_EQ(1u, StateOf(lock).readersWaiting) << "the reader went in beside the writer";
+    EXPECT_FALSE(latecomer.acquired.IsSet());
     EXPECT_TRUE(writer.LetGo());
     EXPECT_TRUE(latecomer.acquired.Wait(kProceedMs));
 }
@@ -109,7 +115,7 @@ TEST(SyncRWLock, FinishedWriterHandsOverToOneWriterThenToAllReaders) {
     std::vector<std::unique_ptr<Holder>> writers, readers;
     for (int i = 0; i < 2; ++i) writers.push_back(std::make_unique<Holder>(lock, Mode::Write));
     for (int i = 0; i < 3; ++i) readers.push_back(std::make_unique<Holder>(lock, Mode::Read));
-    Sleep(kBlockedMs);  // let all five reach their gates
+    ASSERT_TRUE(WaitForWaiters(lock, 3, 2));
     auto count = [](const std::vector<std::unique_ptr<Holder>>& holders) {
         int n = 0;
         for (const auto& h : holders) n += h->acquired.IsSet() ? 1 : 0;
@@ -123,12 +129,16 @@ TEST(SyncRWLock, FinishedWriterHandsOverToOneWriterThenToAllReaders) {
     ASSERT_LT(woken, WAIT_OBJECT_0 + 2);
     Holder& next = *writers[woken - WAIT_OBJECT_0];
     Holder& last = *writers[1 - (woken - WAIT_OBJECT_0)];
-    EXPECT_FALSE(last.acquired.Wait(kBlockedMs));
+    const qvtest::LockState handed = StateOf(lock);
+    EXPECT_EQ(1u, handed.writersWaiting);
+    EXPECT_EQ(3u, handed.readersWaiting);
+    EXPECT_FALSE(last.acquired.IsSet());
     EXPECT_EQ(0, count(readers));
 
     EXPECT_TRUE(next.LetGo());
     EXPECT_TRUE(last.acquired.Wait(kProceedMs));
-    EXPECT_FALSE(readers[0]->acquired.Wait(kBlockedMs));
+    EXPECT_EQ(3u, StateOf(lock).readersWaiting) << "readers went in while a writer waited";
+    EXPECT_EQ(0, count(readers));
 
     // The readers hold together: none lets go before all three are in.
     EXPECT_TRUE(last.LetGo());

@@ -11,9 +11,9 @@
 
 #include "support/SinkContainer.h"
 #include "sdk/StringT.h"
+#include "tests/common/LockProbe.h"
 #include "tests/common/ThreadProbe.h"
 
-using qvtest::kBlockedMs;
 using qvtest::kProceedMs;
 using qvtest::Signal;
 using qvtest::TestThread;
@@ -127,7 +127,8 @@ TEST_F(SinkContainerTest, RegistrationWaitsUntilTheRunningNotificationEnds) {
 
     std::atomic<uint32_t> result{0xFFFFFFFF};
     TestThread registrar([&] { result = valueSinks.Register(&b); });
-    EXPECT_FALSE(registrar.Finished(kBlockedMs));
+    ASSERT_TRUE(qvtest::WaitForWaiters(valueSinks, 0, 1)) << "the registration did not wait for the notification";
+    EXPECT_FALSE(registrar.Finished(0));
     proceed.Set();
     EXPECT_TRUE(notifier.Finished(kProceedMs));
     EXPECT_TRUE(registrar.Finished(kProceedMs));

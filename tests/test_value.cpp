@@ -60,6 +60,37 @@ TEST(Value, TypeNamesAndWrongKindMessages) {
               }));
 }
 
+// "As bool" by kind, as its table has it; "set bool" and "try get bool" never let the kind
+// mismatch out; a clone is deep and of the same kind.
+TEST(Value, BoolsOfEveryKindAndDeepClones) {
+    Value empty = Value::MakeArray(), full = Value::MakeArray();
+    full.Append(Num(0));
+    const std::pair<Value, bool> cases[] = {
+        {Value(), false}, {Value::MakeBool(true), true}, {Value::MakeBool(false), false}, {Num(0), false},
+        {Num(-0.5), true}, {Str(L""), false}, {Str(L"0"), true}, {std::move(empty), false}, {std::move(full), true},
+        {Value::MakeDict(), false}, {DictA1(), true}};
+    for (const auto& c : cases) {
+        const std::wstring kind = c.first.TypeName().c_str();
+        SCOPED_TRACE(std::string(kind.begin(), kind.end()));
+        EXPECT_EQ(c.second, c.first.AsBool());
+        bool out = !c.second;
+        EXPECT_TRUE(c.first.TryGetBool(out));
+        EXPECT_EQ(c.second, out);
+        const Value copy = c.first.Clone();
+        EXPECT_EQ(c.first.TypeName(), copy.TypeName());
+        EXPECT_EQ(Text(c.first), Text(copy));
+    }
+    EXPECT_EQ(Value::MakeArray().TypeName(), L"array");
+    Value b = Value::MakeBool(false), n;
+    EXPECT_TRUE(b.SetBool(true));
+    EXPECT_TRUE(n.SetBool(true));
+    EXPECT_EQ(L"true", Text(b));
+    EXPECT_EQ(L"true", Text(n));
+    Value s = Str(L"x");
+    EXPECT_FALSE(s.SetBool(true));
+    EXPECT_EQ(L"x", Text(s)) << "a failed set leaves the node as it was";
+}
+
 TEST(Value, NullGrowsIntoDictOrArrayOnEntryOrAppend) {
     Value dict;
     EXPECT_TRUE(dict.Entry(L"k").IsNull());

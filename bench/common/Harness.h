@@ -172,6 +172,12 @@ struct Row {
     std::string goal;
     Verdict verdict = Verdict::Report;
     std::string note;
+    // Where the documented algorithm itself costs more than the bare mechanism: that floor,
+    // measured in the same run, and the subject against it with a goal of its own.
+    std::string floor;
+    std::string floorRatio;
+    std::string floorGoal;
+    Verdict floorVerdict = Verdict::Report;
 };
 
 inline std::string Clean(std::string s) {
@@ -180,12 +186,18 @@ inline std::string Clean(std::string s) {
     return s;
 }
 
-// One line per row on standard output: ROW, what, measurement, baseline, ratio, goal, result, note.
+inline const char* VerdictText(Verdict v) {
+    return v == Verdict::Pass ? "ok" : v == Verdict::Miss ? "MISS" : "reported";
+}
+
+// One line per row on standard output: ROW, what, measurement, baseline, ratio, goal, result,
+// note, then floor, ratio to the floor, goal against the floor and its result (empty without one).
 inline void Emit(const Row& row) {
-    const char* verdict = row.verdict == Verdict::Pass ? "ok" : row.verdict == Verdict::Miss ? "MISS" : "reported";
-    std::printf("ROW\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n", Clean(row.what).c_str(), Clean(row.measurement).c_str(),
-                Clean(row.baseline).c_str(), Clean(row.ratio).c_str(), Clean(row.goal).c_str(), verdict,
-                Clean(row.note).c_str());
+    const bool floored = !row.floor.empty();
+    std::printf("ROW\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n", Clean(row.what).c_str(),
+                Clean(row.measurement).c_str(), Clean(row.baseline).c_str(), Clean(row.ratio).c_str(),
+                Clean(row.goal).c_str(), VerdictText(row.verdict), Clean(row.note).c_str(), Clean(row.floor).c_str(),
+                Clean(row.floorRatio).c_str(), Clean(row.floorGoal).c_str(), floored ? VerdictText(row.floorVerdict) : "");
     std::fflush(stdout);
 }
 
@@ -206,6 +218,16 @@ inline Row RatioRow(const std::string& what, const Comparison& c, double goal, c
     row.verdict = c.ratio <= goal ? Verdict::Pass : Verdict::Miss;
     row.note = note;
     return row;
+}
+
+// The floor beneath a row (nanoseconds per call, same run) and the subject's ratio to it, with
+// its own goal: the plug-in may cost at most `goal` times what its documented algorithm must.
+inline void SetFloor(Row& row, double subjectNs, const Stats& floor, double goal = 1.2) {
+    const double ratio = floor.median > 0 ? subjectNs / floor.median : 0;
+    row.floor = Duration(floor);
+    row.floorRatio = Printf("%.2fx", ratio);
+    row.floorGoal = Printf("<= %.1fx", goal);
+    row.floorVerdict = floor.median > 0 && ratio <= goal ? Verdict::Pass : Verdict::Miss;
 }
 
 // ---- heap ---------------------------------------------------------------------------------------

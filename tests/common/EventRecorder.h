@@ -46,9 +46,7 @@ public:
     int OnReloadEnded(const qv::StringW&, int) override { return Note("reloadEnded"); }
     int OnScanModesChanged(ScanMode primary, ScanMode fallback) override {
         scanThread = GetCurrentThreadId();
-        Note("modes=" + std::to_string(primary) + "," + std::to_string(fallback));
-        if (onScan) onScan();
-        return 0;
+        return Note("modes=" + std::to_string(primary) + "," + std::to_string(fallback));
     }
     int OnBackupStatusChanged(bool on) override { return Note(std::string("backup=") + Bit(on)); }
     int OnFeatureStatusChanged(const qv::StringW& feature, bool locked) override {
@@ -67,13 +65,14 @@ public:
     IScanEvents* Scan() { return this; }
     ISettingsEvents* Settings() { return this; }
 
-    std::function<void()> onScan;     // runs inside each scan-modes notification
+    std::function<void()> during;     // runs inside each notification, after it is recorded
     volatile DWORD scanThread = 0;    // thread of the last scan-modes notification
 
 private:
     static const char* Bit(bool b) { return b ? "1" : "0"; }
     int Note(const std::string& what) {
         journal_->Add(name_ + what);
+        if (during) during();
         return 1627;  // the plug-in ignores what sinks answer
     }
     EventJournal own_;

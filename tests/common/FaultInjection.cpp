@@ -3,6 +3,8 @@
 #include "sdk/PluginIds.h"
 
 #include <atomic>
+#include <new>
+#include <stdexcept>
 
 namespace testing_support {
 
@@ -10,13 +12,15 @@ using qv::kxsdk::AntivirusScan::IRemoteScan;
 using qv::kxsdk::Update::IUpdate;
 namespace ids = qv::kxsdk::ids;
 
-void FaultPlan::Arm(int failAt) {
+void FaultPlan::Arm(const std::string& site, int occurrence, Failure how) {
     std::lock_guard<std::mutex> lock(mutex_);
     armed_ = true;
-    failAt_ = failAt;
+    target_ = site;
+    occurrence_ = occurrence;
+    how_ = how;
+    seen_ = 0;
     sites_.clear();
-    seen_.clear();
-    failed_.clear();
+    failed_ = false;
 }
 
 void FaultPlan::Disarm() {
@@ -25,12 +29,17 @@ void FaultPlan::Disarm() {
 }
 
 bool FaultPlan::Hit(const std::string& site) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!armed_) return false;
-    std::string numbered = site + "#" + std::to_string(++seen_[site]);
-    sites_.push_back(numbered);
-    if (static_cast<int>(sites_.size()) != failAt_) return false;
-    failed_ = numbered;
+    Failure how;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!armed_) return false;
+        sites_.push_back(site);
+        if (target_.empty() || site != target_ || ++seen_ != occurrence_) return false;
+        failed_ = true;
+        how = how_;
+    }
+    if (how == Failure::OutOfMemory) throw std::bad_alloc();
+    if (how == Failure::Throw) throw std::runtime_error("injected by " + site);
     return true;
 }
 
@@ -39,7 +48,7 @@ std::vector<std::string> FaultPlan::Sites() const {
     return sites_;
 }
 
-std::string FaultPlan::Failed() const {
+bool FaultPlan::Failed() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return failed_;
 }
@@ -116,7 +125,7 @@ class FaultySettings : public IKXSettings {
 public:
     FaultySettings(IKXSettings* real, FaultPlan& plan) : real_(real), plan_(plan) {}
     IKXSettingsSection* OpenSection(const wchar_t* path, uint32_t a, uint32_t b, uint32_t c) override {
-        if (plan_.Hit("Settings::OpenSection")) return nullptr;
+        if (plan_.Hit("Settings::OpenSection(" + Narrow(path) + ")")) return nullptr;
         IKXSettingsSection* section = real_->OpenSection(path, a, b, c);
         return section ? new FaultySection(section, plan_) : nullptr;
     }
@@ -317,11 +326,10 @@ DWORD FaultyHost::GetPlugin(const wchar_t* name, const GUID* interfaceId, void**
     return error;
 }
 
-// A failed release still gives the plug-in back; only the answer is an error.
+// A failed release still gives the plug-in back; only the answer is an error (or an exception).
 DWORD FaultyHost::ReleasePlugin(const wchar_t* name) {
-    bool fail = plan.Hit("Manager::ReleasePlugin(" + Narrow(name) + ")");
     DWORD error = env.manager.ReleasePlugin(name);
-    return fail ? kInjectedError : error;
+    return plan.Hit("Manager::ReleasePlugin(" + Narrow(name) + ")") ? kInjectedError : error;
 }
 
 } // namespace testing_support

@@ -1,14 +1,13 @@
 #pragma once
 // A component manager that stands between the plug-in and the host's sibling plug-ins. Every
 // call the plug-in makes into a sibling goes through a forwarding wrapper that names the call
-// ("site"), counts it, and fails it when it is the chosen one. Run a scenario once to learn the
-// sites, then again once per site with that call failing.
+// ("site": plug-in, operation and the argument that tells calls apart), records it, and fails
+// it when it is the chosen one. A fault is chosen by what it hits, never by its position.
 //   FaultyHost faults(plugin.env);        // installs itself as the host's manager
-//   faults.plan.Arm(0);  ...;  faults.plan.Sites();   // what was called
-//   faults.plan.Arm(3);  ...;  faults.plan.Failed();  // the third call failed
+//   faults.plan.Arm();  ...;  faults.plan.Sites();                   // what was called, in order
+//   faults.plan.Arm("ScanSp::ReloadEngines");  ...;  faults.plan.Failed();  // it was called and failed
 #include "host/HostEnvironment.h"
 
-#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -24,24 +23,30 @@ constexpr DWORD kRefusedError = 5;
 
 class FaultPlan {
 public:
-    // Counting starts from zero; the failAt-th call (1-based) from now fails, 0 for none.
-    void Arm(int failAt);
-    // Calls are no longer counted nor failed.
+    // How the chosen call fails: with its error answer, or by throwing out of the sibling, which
+    // the contract forbids but a faulty sibling may do all the same.
+    enum class Failure { Error, Throw, OutOfMemory };
+
+    // Recording starts afresh; the `occurrence`-th call of `site` from now fails (none for "").
+    void Arm(const std::string& site = std::string(), int occurrence = 1, Failure how = Failure::Error);
+    // Calls are no longer recorded nor failed.
     void Disarm();
-    // Called by the wrappers: counts the call and says whether it is to fail.
+    // Called by the wrappers: records the call and says whether it is to fail, or throws.
     bool Hit(const std::string& site);
-    // The calls counted since Arm, as "site#n" (n-th call of that site since Arm), in order.
+    // The calls recorded since Arm, in order.
     std::vector<std::string> Sites() const;
-    // The "site#n" that was failed, or "" when none was.
-    std::string Failed() const;
+    // Whether the armed call was made (and failed).
+    bool Failed() const;
 
 private:
     mutable std::mutex mutex_;
     bool armed_ = false;
-    int failAt_ = 0;
+    std::string target_;
+    int occurrence_ = 0;
+    Failure how_ = Failure::Error;
+    int seen_ = 0;
     std::vector<std::string> sites_;
-    std::map<std::string, int> seen_;
-    std::string failed_;
+    bool failed_ = false;
 };
 
 class FaultyServConfig;

@@ -17,9 +17,11 @@ std::string UnixPath(const std::wstring& path);
 // programs, so callers poll for the effect rather than wait for an exit code.
 bool StartUnix(const wchar_t* program, const std::wstring& args);
 
-// Polls `done` every 20 ms for about six seconds.
+// Polls `done` for the effect of a Unix program, which gives no handle to wait on; the
+// thirty-second watchdog only ends a run whose program never did its work.
 template <class F> bool WaitFor(F done) {
-    for (int i = 0; i < 300; ++i) {
+    const DWORD start = GetTickCount();
+    while (GetTickCount() - start < 30000) {
         if (done()) return true;
         Sleep(20);
     }

@@ -1,39 +1,43 @@
 #include "tests/common/UpdateFileModel.h"
 
 #include <stdlib.h>
-#include <vector>
+#include <sstream>
 
 namespace testing_support {
 
 namespace {
 
+// The last blank-separated word, worked forwards: find where the kept text ends (after the last
+// character outside " \t\n"), then where the word starts (after the last U+0020 before that end).
 std::wstring LastWord(const std::wstring& line) {
-    size_t end = line.size();
-    while (end && (line[end - 1] == L' ' || line[end - 1] == L'\t' || line[end - 1] == L'\n')) --end;
-    size_t space = line.rfind(L' ', end ? end - 1 : 0);
-    if (end == 0) return std::wstring();
-    size_t start = space == std::wstring::npos || space >= end ? 0 : space + 1;
-    return line.substr(start, end - start);
+    size_t keptEnd = 0;
+    for (size_t i = 0; i < line.size(); ++i)
+        if (line[i] != L' ' && line[i] != L'\t' && line[i] != L'\n') keptEnd = i + 1;
+    size_t wordStart = 0;
+    for (size_t i = 0; i < keptEnd; ++i)
+        if (line[i] == L' ') wordStart = i + 1;
+    return line.substr(wordStart, keptEnd - wordStart);
 }
 
 } // namespace
 
 ExpectedEngines ExpectedFromUpdateFile(const std::string& bytes) {
-    std::vector<std::wstring> lines;
-    size_t start = 0;
-    while (lines.size() < 4 && start < bytes.size()) {
-        size_t feed = bytes.find('\n', start);
-        size_t end = feed == std::string::npos ? bytes.size() : feed;
-        if ((feed == std::string::npos ? end : end + 1) > kUpdateFileHeadBytes) return ExpectedEngines();
-        std::wstring line;
-        for (size_t i = start; i < end; ++i) line += static_cast<wchar_t>(static_cast<unsigned char>(bytes[i]));
-        lines.push_back(line);
-        start = feed == std::string::npos ? bytes.size() : feed + 1;
+    // Lines are read as a standard input stream reads them: a read fails only when it finds the
+    // end of the file before any character; each byte widens to one character.
+    std::istringstream stream(bytes);
+    std::wstring lines[4];
+    for (std::wstring& line : lines) {
+        std::string narrow;
+        if (!std::getline(stream, narrow)) return ExpectedEngines{};
+        for (char byte : narrow) line += static_cast<wchar_t>(static_cast<unsigned char>(byte));
     }
+    // Where the stream stands after the fourth line is how many bytes the four lines took.
+    const std::streamoff taken = stream.eof() ? static_cast<std::streamoff>(bytes.size()) : std::streamoff(stream.tellg());
+    if (taken > static_cast<std::streamoff>(kUpdateFileHeadBytes)) return ExpectedEngines{};
     ExpectedEngines expected;
-    if (lines.size() < 4) return expected;
     expected.read = true;
     expected.version = LastWord(lines[3]);
+    // The documented conversion: _wtoi64, whose result the unsigned count keeps bit for bit.
     expected.count = static_cast<uint64_t>(_wtoi64(LastWord(lines[1]).c_str()));
     return expected;
 }

@@ -1,9 +1,11 @@
 #pragma once
-// What the plug-in is to make of an engines kit's "Plugins\update.txt", worked out independently
-// of its reader: the first four lines end at line feeds (the last may end at the end of the file),
-// each byte is one character, and lines 2 and 4 give their last blank-separated word after
-// trailing blanks, tabs and line feeds are dropped. Fewer than four lines give nothing, and so
-// do four lines that, line feeds included, take more than kUpdateFileHeadBytes together.
+// What the plug-in is to make of an engines kit's "Plugins\update.txt", from the reading rule and
+// not from the reader: four lines read as an input stream reads them (a line ends at a line feed
+// or at the end of the file; a read at the very end fails), each byte one character; lines 2 and 4
+// give their last blank-separated word after trailing blanks, tabs and line feeds are dropped.
+// Fewer than four lines give nothing, and so do four lines that, line feeds included, take more
+// than kUpdateFileHeadBytes together. Computed another way than the reader's, so that a
+// misreading of the rule cannot be shared.
 #include <cstdint>
 #include <string>
 
