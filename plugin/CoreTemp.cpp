@@ -1,5 +1,6 @@
 // The scan service provider's core temp folder and its crash handler.
 #include "plugin/AntivirusScanAL.h"
+#include "plugin/SlotGuard.h"
 #include "support/DirectoryWalker.h"
 #include "support/FileUtil.h"
 #include "support/FolderHandle.h"
@@ -86,19 +87,22 @@ void AntivirusScanAL::DisableScanCrashHandler() {
     QV_TRACE(L"AntivirusScanAL::DisableScanCrashHandler");
     auto provider = scanSpPlugin.Acquire();
     if (!provider) return;
-    void* object = nullptr;
-    DWORD error = provider->GetInterface(kxsdk::scansp::kCrashHandlerId, &object);
-    if (error != 0) {
-        if (object) provider->ReleaseInterface(object);
-        return;
-    }
-    if (!object) return;
-    auto* handler = static_cast<IScanCrashHandler*>(object);
-    error = handler->SetOption(kxsdk::scansp::kOptionSilentSubmitDump, 1);
+    // The handler goes back to the provider on every path, an exception out of one of its own
+    // calls included; one out of the hand-back itself is fenced here, in a destructor.
+    struct HandedBack {
+        IScanSp* provider;
+        void* object = nullptr;
+        ~HandedBack() {
+            if (object) GuardedStep(L"AntivirusScanAL::DisableScanCrashHandler", [&] { provider->ReleaseInterface(object); });
+        }
+    } handler{provider.Get()};
+    const DWORD got = provider->GetInterface(kxsdk::scansp::kCrashHandlerId, &handler.object);
+    if (got != 0 || !handler.object) return;
+    auto* options = static_cast<IScanCrashHandler*>(handler.object);
+    DWORD error = options->SetOption(kxsdk::scansp::kOptionSilentSubmitDump, 1);
     QV_LOG(LOG_SEV_INFO, L"SilentSubmitDump [error = %d]", static_cast<int>(error));
-    error = handler->SetOption(kxsdk::scansp::kOptionSilentSubmitDefaultAction, 0);
+    error = options->SetOption(kxsdk::scansp::kOptionSilentSubmitDefaultAction, 0);
     QV_LOG(LOG_SEV_INFO, L"SilentSubmitDefaultAct [error = %d]", static_cast<int>(error));
-    provider->ReleaseInterface(object);
 }
 
 } // namespace qv

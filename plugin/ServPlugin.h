@@ -9,6 +9,7 @@
 #include "sdk/ITelemetry.h"
 #include "sdk/IUpdate.h"
 #include "sdk/PluginIds.h"
+#include "plugin/SlotGuard.h"
 #include "support/CriticalSection.h"
 #include "support/Log.h"
 #include "support/RundownProtection.h"
@@ -25,6 +26,7 @@ template <class T> struct PluginTraits;
     template <> struct PluginTraits<T> {                                                          \
         static GUID Id() { return ID; }                                                           \
         static constexpr const wchar_t* kTraceName = L"ServPlugin<struct " TEXT ">::GetPlugin";    \
+        static constexpr const wchar_t* kReleaseName = L"ServPlugin<struct " TEXT ">::Release";    \
     }
 
 QV_PLUGIN_TRAITS(IServConfig, L"IServConfig", kxsdk::ids::kServConfigId);
@@ -41,6 +43,7 @@ template <> struct PluginTraits<kxsdk::Update::IUpdate> {
         return id;
     }
     static constexpr const wchar_t* kTraceName = L"ServPlugin<struct qv::kxsdk::Update::IUpdate>::GetPlugin";
+    static constexpr const wchar_t* kReleaseName = L"ServPlugin<struct qv::kxsdk::Update::IUpdate>::Release";
 };
 
 // The host's telemetry plug-in is registered under these exact 16 bytes: the last two groups of
@@ -50,6 +53,7 @@ GUID TelemetryIdFromText(const wchar_t* text);
 template <> struct PluginTraits<Telemetry::ITelemetry> {
     static GUID Id() { return TelemetryIdFromText(L"872DA2C0-CDA8-4CEF-8348-02768709E306"); }
     static constexpr const wchar_t* kTraceName = L"ServPlugin<struct Telemetry::ITelemetry>::GetPlugin";
+    static constexpr const wchar_t* kReleaseName = L"ServPlugin<struct Telemetry::ITelemetry>::Release";
 };
 
 // The object's sibling plug-ins are used from callers' and notification threads while the host
@@ -122,7 +126,9 @@ public:
         auto lock = lifecycle_.Lock();
         if (!plugin_.load()) return;
         rundown_.CloseAndWait();
-        if (manager_) (void)manager_->ReleasePlugin(name_.c_str());
+        // A manager that throws still counts as having taken the plug-in back: the holder is empty
+        // afterwards, and the holders released after this one are released all the same.
+        if (manager_) GuardedStep(PluginTraits<T>::kReleaseName, [&] { (void)manager_->ReleasePlugin(name_.c_str()); });
         manager_ = nullptr;
         plugin_.store(nullptr);
     }

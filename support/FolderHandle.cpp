@@ -98,6 +98,20 @@ EntryResult FindFolderEntry(const FolderHandle& folder, const wchar_t* name, siz
     return walker.Error() ? EntryResult::Failed : EntryResult::Absent;
 }
 
+// The identity the listing of `folder` shows for `name`, of whatever kind; false when unlisted.
+bool ListedId(const FolderHandle& folder, const wchar_t* name, size_t length, LONGLONG& fileId) {
+    DirectoryWalker walker(folder.Get());
+    while (walker.Next()) {
+        const std::wstring& entry = walker.Name();
+        if (entry.size() == length && CompareStringOrdinal(entry.c_str(), static_cast<int>(length), name,
+                                                           static_cast<int>(length), TRUE) == CSTR_EQUAL) {
+            fileId = walker.FileId();
+            return true;
+        }
+    }
+    return false;
+}
+
 bool IsReparsePoint(HANDLE h) {
     FILE_ATTRIBUTE_TAG_INFO tag{};
     return !GetFileInformationByHandleEx(h, FileAttributeTagInfo, &tag, sizeof tag) ||
@@ -217,8 +231,12 @@ EntryResult DeleteChild(const FolderHandle& parent, const StringW& parentPath, c
     UniqueHFile file(raw);
     if (IsNotFound(error)) return EntryResult::Done;
     if (error != ERROR_SUCCESS) return EntryResult::Failed;
+    // Wine 8 resolves a name relative to a folder handle through the folder's path, which a
+    // swapped-in link can redirect: what was opened must be the file the folder's own listing
+    // showed. (Windows opens the entry in the folder the handle holds; the identity agrees.)
     StringW real;
-    if (!NamesChild(file.Get(), parent.RealName(), name, length, real)) return kept();
+    if (!NamesChild(file.Get(), parent.RealName(), name, length, real) || !IsListedEntry(file.Get(), fileId))
+        return kept();
     return DeleteByHandle(file.Get(), true) == ERROR_SUCCESS ? EntryResult::Done : EntryResult::Failed;
 }
 
@@ -272,13 +290,20 @@ EntryResult DeleteFileBelow(const wchar_t* base, const wchar_t* relative, DWORD&
     size_t length = 0;
     const EntryResult reached = OpenParentOf(base, relative, folder, name, length, error);
     if (reached != EntryResult::Done) return reached;
+    LONGLONG fileId = 0;
+    if (!ListedId(folder, name, length, fileId)) {
+        error = ERROR_FILE_NOT_FOUND;
+        return EntryResult::Absent;
+    }
     HANDLE raw = INVALID_HANDLE_VALUE;
     error = nt::OpenRelative(folder.Get(), name, length, DELETE | FILE_READ_ATTRIBUTES, kShareAll, nt::kFileOpen,
                              nt::kNonDirectoryFile | nt::kOpenReparsePoint, &raw);
     UniqueHFile file(raw);
     if (error != ERROR_SUCCESS) return IsNotFound(error) ? EntryResult::Absent : EntryResult::Failed;
+    // As for the entries of a tree: the file opened must be the one the folder's listing showed.
     StringW real;
-    if (!NamesChild(file.Get(), folder.RealName(), name, length, real)) return EntryResult::NotFollowed;
+    if (!NamesChild(file.Get(), folder.RealName(), name, length, real) || !IsListedEntry(file.Get(), fileId))
+        return EntryResult::NotFollowed;
     error = DeleteByHandle(file.Get(), false);
     return error == ERROR_SUCCESS ? EntryResult::Done : EntryResult::Failed;
 }

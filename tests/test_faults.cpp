@@ -512,13 +512,6 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
     EXPECT_TRUE(valid);
 }
 
-// Throws the plug-in does not survive yet: an exception out of a release leaves the later
-// plug-ins held in UnInit, and ends the process when the release runs in a holder's destructor
-// (the telemetry plug-in's, the scan provider's); one out of the crash handler keeps its
-// interface. Skipped by name, and printed, until the holders give back on every path; remove an
-// entry and the sweep checks those calls again.
-const char* const kNotYetFenced[] = {"Manager::ReleasePlugin(", "CrashHandler::SetOption("};
-
 // Every documented call failed in turn: with its error answer (and each get also refused, with
 // and without the interface written), or thrown, alternately an exception and an allocation
 // failure.
@@ -534,11 +527,7 @@ int RunSweep(Mode mode, bool throwing) {
         for (const Call& call : it->second) {
             const int occurrence = ++seen[call.site];
             if (throwing) {
-                bool open = false;
-                for (const char* prefix : kNotYetFenced) open = open || call.site.rfind(prefix, 0) == 0;
-                if (open) printf("not yet fenced: %s|%s\n", steps[step].name, call.site.c_str());
-                if (!open) RunFault(mode, step, call, occurrence, Refusal::Missing,
-                                    ++points % 2 ? Failure::Throw : Failure::OutOfMemory);
+                RunFault(mode, step, call, occurrence, Refusal::Missing, ++points % 2 ? Failure::Throw : Failure::OutOfMemory);
                 continue;
             }
             RunFault(mode, step, call, occurrence);
