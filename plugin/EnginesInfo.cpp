@@ -10,52 +10,50 @@ namespace qv {
 
 using namespace logging;
 
-DWORD AntivirusScanAL::GetEnginesVersion(StringW* version) {
-    QV_FUNCTION(L"AntivirusScanAL::GetEnginesVersion");
-    if (IsNullArgument(qvFunctionName_, version)) return kInvalidParameter;
-    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        if (enginesRecoveryInProgress) {
-            QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress...");
-            version->Clear();
+namespace {
+
+bool IsUnset(const StringW& value) { return value.IsEmpty(); }
+bool IsUnset(uint64_t value) { return value == 0; }
+void Withhold(StringW& value) { value.Clear(); }
+void Withhold(uint64_t& value) { value = 0; }
+
+// Both getters answer from the copy kept in the object, filled on first use; while recovery
+// replaces the engines they answer nothing and say why.
+template <class Value, class Fill>
+DWORD ReadCached(const wchar_t* function, Value* out, const bool& recovering, CriticalSection& lock,
+                 const Value& cache, Fill fill) {
+    if (IsNullArgument(function, out)) return kInvalidParameter;
+    return GuardedSlot(function, [&]() -> DWORD {
+        if (recovering) {
+            WriteMessage(LOG_SEV_WARNING, function, L"EnginesRecoveryInProgress...");
+            Withhold(*out);
             return kRecoveryInProgress;
         }
-        StringW cached;
+        Value cached;
         {
-            auto lock = stateLock.Lock();
-            cached = signaturesVersion;
+            auto held = lock.Lock();
+            cached = cache;
         }
-        if (cached.IsEmpty()) {
-            ComputeSigInfo();
-            auto lock = stateLock.Lock();
-            cached = signaturesVersion;
+        if (IsUnset(cached)) {
+            fill();
+            auto held = lock.Lock();
+            cached = cache;
         }
-        *version = cached;
+        *out = cached;
         return kSuccess;
     });
 }
 
+} // namespace
+
+DWORD AntivirusScanAL::GetEnginesVersion(StringW* version) {
+    return ReadCached(L"AntivirusScanAL::GetEnginesVersion", version, enginesRecoveryInProgress, stateLock,
+                      signaturesVersion, [this] { ComputeSigInfo(); });
+}
+
 DWORD AntivirusScanAL::GetSignaturesCount(uint64_t* count) {
-    QV_FUNCTION(L"AntivirusScanAL::GetSignaturesCount");
-    if (IsNullArgument(qvFunctionName_, count)) return kInvalidParameter;
-    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        if (enginesRecoveryInProgress) {
-            QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress...");
-            *count = 0;
-            return kRecoveryInProgress;
-        }
-        uint64_t cached;
-        {
-            auto lock = stateLock.Lock();
-            cached = signaturesCount;
-        }
-        if (cached == 0) {
-            ComputeSigInfo();
-            auto lock = stateLock.Lock();
-            cached = signaturesCount;
-        }
-        *count = cached;
-        return kSuccess;
-    });
+    return ReadCached(L"AntivirusScanAL::GetSignaturesCount", count, enginesRecoveryInProgress, stateLock,
+                      signaturesCount, [this] { ComputeSigInfo(); });
 }
 
 void AntivirusScanAL::ComputeSigInfo() {

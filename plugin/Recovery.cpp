@@ -2,6 +2,7 @@
 // obtained at Init: cache deletion, placeholder engine files, a signature update and, once the
 // engines load again, a restart of the service. Every step logs and goes on.
 #include "plugin/AntivirusScanAL.h"
+#include "plugin/DeleteBelow.h"
 #include "plugin/SlotGuard.h"
 #include "support/FileUtil.h"
 #include "support/FolderHandle.h"
@@ -50,20 +51,9 @@ bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
         StringW path = common;
         file::JoinPath(path, cache.name);
         QV_LOG(LOG_SEV_INFO, cache.message, path.c_str());
-        // "installer" and the file are opened below the common folder without following a link
-        // and the file is deleted through its own handle: a link planted in their place leads
-        // out of the common folder, and where it points is not ours to delete.
         DWORD error = kSuccess;
-        switch (file::DeleteFileBelow(common.c_str(), cache.name, error)) {
-        case file::EntryResult::Done:
-        case file::EntryResult::Absent: break;
-        case file::EntryResult::NotFollowed:
-            QV_LOG(LOG_SEV_WARNING, L"Link not followed, file kept [path = %s]", path.c_str());
-            break;
-        case file::EntryResult::Failed:
+        if (!DeleteFileBelowKeepingLinks(qvFunctionName_, common, cache.name, path, error))
             QV_LOG(LOG_SEV_ERROR, L"Cannot delete file [error = %d] [path = %s]", static_cast<int>(error), path.c_str());
-            break;
-        }
     }
     return true;
 }

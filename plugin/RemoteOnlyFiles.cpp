@@ -2,6 +2,7 @@
 // The second name of each list keeps its trailing blank: the Windows path functions ignore a
 // trailing blank on the last element, so "nnml.cvd" is the file reached.
 #include "plugin/AntivirusScanAL.h"
+#include "plugin/DeleteBelow.h"
 #include "support/FileUtil.h"
 #include "support/FolderHandle.h"
 
@@ -28,49 +29,39 @@ StringW PluginFile(const StringW& engines, const wchar_t* name) {
     file::JoinPath(path, PluginName(name).c_str());
     return path;
 }
+
+// Runs `action(name, path)` for each listed file of an engines folder that exists.
+template <size_t Count, class Action>
+void ForEachPluginFile(const wchar_t* function, const StringW& engines, const wchar_t* const (&names)[Count],
+                       Action action) {
+    if (!PathFileExistsW(engines.c_str())) {
+        WriteMessage(LOG_SEV_INFO, function, L"Invalid engines path = %s", engines.c_str());
+        return;
+    }
+    for (const wchar_t* name : names) action(name, PluginFile(engines, name));
+}
 } // namespace
 
 void AntivirusScanAL::GenerateNonRemoteScanPlugins() {
     QV_TRACE(L"AntivirusScanAL::GenerateNonRemoteScanPlugins");
     if (scanType == kxsdk::AntivirusScan::RemoteOnly) return;
     const StringW engines = GetScanSpFolder();
-    if (!PathFileExistsW(engines.c_str())) {
-        QV_LOG(LOG_SEV_INFO, L"Invalid engines path = %s", engines.c_str());
-        return;
-    }
-    for (const wchar_t* name : kCreatedWhenMissing) {
-        const StringW path = PluginFile(engines, name);
-        if (PathFileExistsW(path.c_str())) continue;
+    ForEachPluginFile(qvFunctionName_, engines, kCreatedWhenMissing, [&](const wchar_t* name, const StringW& path) {
+        if (PathFileExistsW(path.c_str())) return;
         QV_LOG(LOG_SEV_WARNING, L"File %s does not exist. Will create it", path.c_str());
         GenerateDummyFile(engines, PluginName(name).c_str());
-    }
+    });
 }
 
 void AntivirusScanAL::RemoveNonRemoteScanPlugins() {
     QV_TRACE(L"AntivirusScanAL::RemoveNonRemoteScanPlugins");
     if (scanType != kxsdk::AntivirusScan::RemoteOnly) return;
     const StringW engines = GetScanSpFolder();
-    if (!PathFileExistsW(engines.c_str())) {
-        QV_LOG(LOG_SEV_INFO, L"Invalid engines path = %s", engines.c_str());
-        return;
-    }
-    for (const wchar_t* name : kDeletedWhenPresent) {
-        const StringW path = PluginFile(engines, name);
-        // "Plugins" and the file are opened below the engines folder without following a link
-        // and the file is deleted through its own handle: a link (the file's or the folder's)
-        // leads out of the engines folder, and what it points to is not ours to delete.
+    ForEachPluginFile(qvFunctionName_, engines, kDeletedWhenPresent, [&](const wchar_t* name, const StringW& path) {
         DWORD error = kSuccess;
-        switch (file::DeleteFileBelow(engines.c_str(), PluginName(name).c_str(), error)) {
-        case file::EntryResult::Done:
-        case file::EntryResult::Absent: break;
-        case file::EntryResult::NotFollowed:
-            QV_LOG(LOG_SEV_WARNING, L"Link not followed, file kept [path = %s]", path.c_str());
-            break;
-        case file::EntryResult::Failed:
+        if (!DeleteFileBelowKeepingLinks(qvFunctionName_, engines, PluginName(name).c_str(), path, error))
             QV_LOG(LOG_SEV_WARNING, L"Cannot delete file [path = %s] [error = %d]", path.c_str(), static_cast<int>(error));
-            break;
-        }
-    }
+    });
 }
 
 } // namespace qv

@@ -8,6 +8,67 @@ namespace qv {
 using namespace logging;
 using namespace kxsdk::AntivirusScan;
 
+namespace {
+
+// What the remote-scan plug-in reports, read afresh for every computation.
+struct RemoteScanState {
+    bool status = false;
+    // Not reported: true when the plug-in is held and the installation also scans locally.
+    bool useFallback = false;
+    uint32_t rsMode = IRemoteScan::NoFallback;
+};
+
+// The pair the table gives, whether it may be used, and the one line it logs (if any). On an
+// invalid row the pair still holds what was decided so far; callers must not use it.
+struct ScanModeDecision {
+    ScanMode primary = ScanModeNone;
+    ScanMode fallback = ScanModeNone;
+    bool valid = true;
+    uint32_t severity = 0;
+    const wchar_t* message = nullptr;
+};
+
+// The results of the three queries are ignored: a plug-in that fails one leaves the default.
+RemoteScanState ReadRemoteScanState(ServPlugin<IRemoteScan>& plugin, uint32_t type) {
+    RemoteScanState state;
+    if (auto remote = plugin.Acquire()) {
+        uint32_t unused = 0;
+        (void)remote->GetStatus(&state.status);
+        (void)remote->GetServerCount(&unused);
+        (void)remote->GetFallbackMode(&state.rsMode);
+        state.useFallback = type != RemoteOnly;
+    }
+    return state;
+}
+
+// Remote scanning alone, with the fallback the remote-scan plug-in allows.
+ScanModeDecision RemoteAlone(uint32_t type, uint32_t rsMode) {
+    if (rsMode == IRemoteScan::NoFallback) return {ScanModeRemote, ScanModeNone};
+    if (rsMode == IRemoteScan::FallbackRemote) return {ScanModeRemote, ScanModeRemote};
+    return {ScanModeRemote, ScanModeNone, false, LOG_SEV_ERROR,
+            type == RemoteOnly ? L"No local engines installed." : L"No fallback should be use."};
+}
+
+// The decision table: pure, from the scan type and the remote-scan state.
+ScanModeDecision DecideScanModes(uint32_t type, const RemoteScanState& remote) {
+    if (type == RemoteOnly) {
+        if (!remote.status || remote.useFallback)
+            return {ScanModeNone, ScanModeNone, false, LOG_SEV_ERROR, L"Invalid remote scan settings."};
+        return RemoteAlone(type, remote.rsMode);
+    }
+    const ScanMode local = type == Light ? ScanModeLocalLight : ScanModeLocalFull;
+    const ScanMode remoteMode = type == Light ? ScanModeRemoteLight : ScanModeRemoteFull;
+    if (!remote.status) return {local, local};
+    // Unreachable while the fallback flag is derived from the plug-in and the scan type (a
+    // status needs the plug-in); kept for the day the two are decoupled.
+    if (!remote.useFallback) return RemoteAlone(type, remote.rsMode);
+    if (remote.rsMode == IRemoteScan::FallbackRemote) return {remoteMode, remoteMode};
+    if (remote.rsMode == IRemoteScan::FallbackLocal) return {remoteMode, local};
+    return {remoteMode, ScanModeNone, true, LOG_SEV_WARNING, L"ScanModeNone when using fallback."};
+}
+
+} // namespace
+
 StringW AntivirusScanAL::ConfigText(int32_t category, const wchar_t* name) {
     // The text is copied while the plug-in is pinned: it belongs to the plug-in.
     auto config = servConfigPlugin.Acquire();
@@ -39,67 +100,19 @@ bool AntivirusScanAL::ComputeScanModes(ScanMode& primary, ScanMode& fallback) {
     QV_TRACE(L"AntivirusScanAL::ComputeScanModes");
     primary = ScanModeNone;
     fallback = ScanModeNone;
-    bool status = false;
-    uint32_t rsMode = 0;
-    bool useFallback = false;
     uint32_t type;
     {
         auto lock = stateLock.Lock();
         type = scanType;
     }
-    if (auto remote = remoteScanPlugin.Acquire()) {
-        uint32_t unused = 0;
-        (void)remote->GetStatus(&status);
-        (void)remote->GetServerCount(&unused);
-        (void)remote->GetFallbackMode(&rsMode);
-        useFallback = type != RemoteOnly;
-    }
-    QV_LOG(LOG_SEV_INFO, L"RemoteScan info [status = %d] [fallback = %d] [rsMode = %d] ", status ? 1 : 0,
-           useFallback ? 1 : 0, static_cast<int>(rsMode));
-
-    if (type == RemoteOnly) {
-        if (!status || useFallback) {
-            QV_LOG(LOG_SEV_ERROR, L"Invalid remote scan settings.");
-            return false;
-        }
-        primary = ScanModeRemote;
-        if (rsMode == IRemoteScan::NoFallback) return true;
-        if (rsMode == IRemoteScan::FallbackRemote) {
-            fallback = ScanModeRemote;
-            return true;
-        }
-        QV_LOG(LOG_SEV_ERROR, L"No local engines installed.");
-        return false;
-    }
-
-    const ScanMode local = type == Light ? ScanModeLocalLight : ScanModeLocalFull;
-    const ScanMode remote = type == Light ? ScanModeRemoteLight : ScanModeRemoteFull;
-    if (!status) {
-        primary = local;
-        fallback = local;
-        return true;
-    }
-    if (useFallback) {
-        primary = remote;
-        if (rsMode == IRemoteScan::FallbackRemote) {
-            fallback = remote;
-        } else if (rsMode == IRemoteScan::FallbackLocal) {
-            fallback = local;
-        } else {
-            QV_LOG(LOG_SEV_WARNING, L"ScanModeNone when using fallback.");
-        }
-        return true;
-    }
-    // Unreachable while the fallback flag is derived from the plug-in and the scan type; kept
-    // for the day the two are decoupled.
-    primary = ScanModeRemote;
-    if (rsMode == IRemoteScan::NoFallback) return true;
-    if (rsMode == IRemoteScan::FallbackRemote) {
-        fallback = ScanModeRemote;
-        return true;
-    }
-    QV_LOG(LOG_SEV_ERROR, L"No fallback should be use.");
-    return false;
+    const RemoteScanState remote = ReadRemoteScanState(remoteScanPlugin, type);
+    QV_LOG(LOG_SEV_INFO, L"RemoteScan info [status = %d] [fallback = %d] [rsMode = %d] ", remote.status ? 1 : 0,
+           remote.useFallback ? 1 : 0, static_cast<int>(remote.rsMode));
+    const ScanModeDecision decision = DecideScanModes(type, remote);
+    if (decision.message) QV_LOG(decision.severity, decision.message);
+    primary = decision.primary;
+    fallback = decision.fallback;
+    return decision.valid;
 }
 
 uint32_t AntivirusScanAL::InitScanMode() {

@@ -12,23 +12,18 @@ DWORD ChangeSinks(const wchar_t* function, Container& sinks, Sink* sink, bool ad
 }
 } // namespace
 
-DWORD AntivirusScanAL::RegisterEnginesEvents(IEnginesEvents* sink) {
-    return ChangeSinks(L"AntivirusScanAL::RegisterEnginesEvents", enginesSinks, sink, true);
-}
-DWORD AntivirusScanAL::RegisterScanEvents(IScanEvents* sink) {
-    return ChangeSinks(L"AntivirusScanAL::RegisterScanEvents", scanSinks, sink, true);
-}
-DWORD AntivirusScanAL::RegisterSettingsEvents(ISettingsEvents* sink) {
-    return ChangeSinks(L"AntivirusScanAL::RegisterSettingsEvents", settingsSinks, sink, true);
-}
-DWORD AntivirusScanAL::UnregisterEnginesEvents(IEnginesEvents* sink) {
-    return ChangeSinks(L"AntivirusScanAL::UnregisterEnginesEvents", enginesSinks, sink, false);
-}
-DWORD AntivirusScanAL::UnregisterScanEvents(IScanEvents* sink) {
-    return ChangeSinks(L"AntivirusScanAL::UnregisterScanEvents", scanSinks, sink, false);
-}
-DWORD AntivirusScanAL::UnregisterSettingsEvents(ISettingsEvents* sink) {
-    return ChangeSinks(L"AntivirusScanAL::UnregisterSettingsEvents", settingsSinks, sink, false);
-}
+// The six slots differ only in the sink kind and the direction, so each is written as one line
+// and the kinds read side by side.
+#define QV_SINK_SLOT(Slot, Sink, sinks, add)                                                                     \
+    DWORD AntivirusScanAL::Slot(Sink* sink) { return ChangeSinks(L"AntivirusScanAL::" #Slot, sinks, sink, add); }
+
+QV_SINK_SLOT(RegisterEnginesEvents, IEnginesEvents, enginesSinks, true)
+QV_SINK_SLOT(RegisterScanEvents, IScanEvents, scanSinks, true)
+QV_SINK_SLOT(RegisterSettingsEvents, ISettingsEvents, settingsSinks, true)
+QV_SINK_SLOT(UnregisterEnginesEvents, IEnginesEvents, enginesSinks, false)
+QV_SINK_SLOT(UnregisterScanEvents, IScanEvents, scanSinks, false)
+QV_SINK_SLOT(UnregisterSettingsEvents, ISettingsEvents, settingsSinks, false)
+
+#undef QV_SINK_SLOT
 
 } // namespace qv

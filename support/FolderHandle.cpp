@@ -284,40 +284,54 @@ EntryResult FolderHandle::OpenChild(const wchar_t* name, size_t length, LONGLONG
     return EntryResult::Done;
 }
 
-EntryResult DeleteFileBelow(const wchar_t* base, const wchar_t* relative, DWORD& error) {
+namespace {
+// The last element of a relative path, opened with the native call in its parent folder.
+struct LastBelow {
     FolderHandle folder;
     const wchar_t* name = nullptr;
     size_t length = 0;
-    const EntryResult reached = OpenParentOf(base, relative, folder, name, length, error);
+    UniqueHFile file;
+};
+
+// The folders on the way are reached as OpenParentOf does; Done means the native open was made
+// and `error` says how it went. With `listedId`, a name the parent's listing does not show is
+// Absent and not opened, and the identity the listing shows is given back.
+EntryResult OpenLastBelow(const wchar_t* base, const wchar_t* relative, ACCESS_MASK access, ULONG share,
+                          ULONG disposition, ULONG options, LastBelow& last, DWORD& error,
+                          LONGLONG* listedId = nullptr) {
+    const EntryResult reached = OpenParentOf(base, relative, last.folder, last.name, last.length, error);
     if (reached != EntryResult::Done) return reached;
-    LONGLONG fileId = 0;
-    if (!ListedId(folder, name, length, fileId)) {
+    if (listedId && !ListedId(last.folder, last.name, last.length, *listedId)) {
         error = ERROR_FILE_NOT_FOUND;
         return EntryResult::Absent;
     }
-    HANDLE raw = INVALID_HANDLE_VALUE;
-    error = nt::OpenRelative(folder.Get(), name, length, DELETE | FILE_READ_ATTRIBUTES, kShareAll, nt::kFileOpen,
-                             nt::kNonDirectoryFile | nt::kOpenReparsePoint, &raw);
-    UniqueHFile file(raw);
+    error = nt::OpenRelative(last.folder.Get(), last.name, last.length, access, share, disposition, options,
+                             last.file.Put());
+    return EntryResult::Done;
+}
+} // namespace
+
+EntryResult DeleteFileBelow(const wchar_t* base, const wchar_t* relative, DWORD& error) {
+    LastBelow last;
+    LONGLONG fileId = 0;
+    const EntryResult reached = OpenLastBelow(base, relative, DELETE | FILE_READ_ATTRIBUTES, kShareAll, nt::kFileOpen,
+                                              nt::kNonDirectoryFile | nt::kOpenReparsePoint, last, error, &fileId);
+    if (reached != EntryResult::Done) return reached;
     if (error != ERROR_SUCCESS) return IsNotFound(error) ? EntryResult::Absent : EntryResult::Failed;
     // As for the entries of a tree: the file opened must be the one the folder's listing showed.
     StringW real;
-    if (!NamesChild(file.Get(), folder.RealName(), name, length, real) || !IsListedEntry(file.Get(), fileId))
+    if (!NamesChild(last.file.Get(), last.folder.RealName(), last.name, last.length, real) ||
+        !IsListedEntry(last.file.Get(), fileId))
         return EntryResult::NotFollowed;
-    error = DeleteByHandle(file.Get(), false);
+    error = DeleteByHandle(last.file.Get(), false);
     return error == ERROR_SUCCESS ? EntryResult::Done : EntryResult::Failed;
 }
 
 EntryResult CreateFileBelow(const wchar_t* base, const wchar_t* relative, DWORD& error) {
-    FolderHandle folder;
-    const wchar_t* name = nullptr;
-    size_t length = 0;
-    const EntryResult reached = OpenParentOf(base, relative, folder, name, length, error);
+    LastBelow last;
+    const EntryResult reached = OpenLastBelow(base, relative, GENERIC_WRITE, FILE_SHARE_READ, nt::kFileCreate,
+                                              nt::kNonDirectoryFile, last, error);
     if (reached != EntryResult::Done) return reached;
-    HANDLE raw = INVALID_HANDLE_VALUE;
-    error = nt::OpenRelative(folder.Get(), name, length, GENERIC_WRITE, FILE_SHARE_READ, nt::kFileCreate,
-                             nt::kNonDirectoryFile, &raw);
-    UniqueHFile file(raw);
     // CreateFileW's answer for a name that exists, which the native call words differently.
     if (error == ERROR_ALREADY_EXISTS) error = ERROR_FILE_EXISTS;
     return error == ERROR_SUCCESS ? EntryResult::Done : EntryResult::Failed;

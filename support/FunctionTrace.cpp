@@ -29,30 +29,12 @@ CFunctionTrace::CFunctionTrace(const wchar_t* name)
 
     // The entry line is written whether or not anyone keeps the library loaded; tracing never
     // changes the outcome of the traced operation.
-    try {
-        CLogDLLRef holder;
-        holder.Acquire();
-        if (holder.Get() == nullptr)
-            holder.Acquire();
-        uint32_t severity = LOG_SEV_INFO;
-        (void)Write(holder.Get(), kEntryNesting, &severity, CurrentModule(), function_, L"-> %s", title_);
-    } catch (...) {
-    }
+    WriteHeld(kEntryNesting, LOG_SEV_INFO, function_, L"-> %s", title_);
 }
 
 CFunctionTrace::~CFunctionTrace()
 {
-    try {
-        CLogDLLRef holder;
-        holder.Acquire();
-        if (holder.Get() == nullptr)
-            holder.Acquire();
-        DWORD elapsed = timeGetTime() - start_;
-        uint32_t severity = LOG_SEV_INFO;
-        (void)Write(holder.Get(), kExitNesting, &severity, CurrentModule(), function_, L"<- %s [%d]", title_,
-              static_cast<int>(elapsed));
-    } catch (...) {
-    }
+    WriteHeld(kExitNesting, LOG_SEV_INFO, function_, L"<- %s [%d]", title_, static_cast<int>(timeGetTime() - start_));
 }
 
 } // namespace logging

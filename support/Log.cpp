@@ -202,11 +202,9 @@ HRESULT Write(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMO
     return result;
 }
 
-void WriteMessageV(uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args)
+void WriteHeldV(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args)
 {
-    if (!IsLoggingInUse())
-        return;
-    // A message must never change the outcome of the operation that writes it.
+    // A line must never change the outcome of the operation that writes it.
     try {
         CLogDLLRef holder;
         holder.Acquire();
@@ -215,9 +213,24 @@ void WriteMessageV(uint32_t severity, const wchar_t* function, const wchar_t* fo
         if (holder.Get() == nullptr)
             holder.Acquire();
         uint32_t level = severity;
-        (void)WriteV(holder.Get(), 0, &level, ThisModule(), function, format, args);
+        (void)WriteV(holder.Get(), nesting, &level, ThisModule(), function, format, args);
     } catch (...) {
     }
+}
+
+void WriteHeld(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    WriteHeldV(nesting, severity, function, format, args);
+    va_end(args);
+}
+
+void WriteMessageV(uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args)
+{
+    if (!IsLoggingInUse())
+        return;
+    WriteHeldV(0, severity, function, format, args);
 }
 
 void WriteMessage(uint32_t severity, const wchar_t* function, const wchar_t* format, ...)

@@ -83,6 +83,10 @@ HRESULT Write(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMO
 HRESULT WriteV(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module,
                const wchar_t* function, const wchar_t* format, va_list args);
 
+// A line written through a reference of its own on the library, loading it if need be.
+void WriteHeld(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, ...);
+void WriteHeldV(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args);
+
 // A plain message: written only while logging is in use; never loads the library itself.
 void WriteMessage(uint32_t severity, const wchar_t* function, const wchar_t* format, ...);
 void WriteMessageV(uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args);

@@ -85,26 +85,18 @@ private:
 };
 
 // Scoped holders for code that takes a lock and must give it back on every path.
-class ReadLockScope {
+template <void (ISyncRWLock::*Take)(uint32_t), void (ISyncRWLock::*Give)(uint32_t)> class LockScope {
 public:
-    explicit ReadLockScope(ISyncRWLock& lock) : lock_(lock) { lock_.AcquireRead(0); }
-    ~ReadLockScope() { lock_.ReleaseRead(0); }
-    ReadLockScope(const ReadLockScope&) = delete;
-    ReadLockScope& operator=(const ReadLockScope&) = delete;
+    explicit LockScope(ISyncRWLock& lock) : lock_(lock) { (lock_.*Take)(0); }
+    ~LockScope() { (lock_.*Give)(0); }
+    LockScope(const LockScope&) = delete;
+    LockScope& operator=(const LockScope&) = delete;
 
 private:
     ISyncRWLock& lock_;
 };
 
-class WriteLockScope {
-public:
-    explicit WriteLockScope(ISyncRWLock& lock) : lock_(lock) { lock_.AcquireWrite(0); }
-    ~WriteLockScope() { lock_.ReleaseWrite(0); }
-    WriteLockScope(const WriteLockScope&) = delete;
-    WriteLockScope& operator=(const WriteLockScope&) = delete;
-
-private:
-    ISyncRWLock& lock_;
-};
+using ReadLockScope = LockScope<&ISyncRWLock::AcquireRead, &ISyncRWLock::ReleaseRead>;
+using WriteLockScope = LockScope<&ISyncRWLock::AcquireWrite, &ISyncRWLock::ReleaseWrite>;
 
 } // namespace qv

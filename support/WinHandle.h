@@ -41,25 +41,24 @@ private:
 };
 
 namespace handle_traits {
-// Files, folders and devices: CreateFileW and NtCreateFile disagree on the failure value, so
+// Handles that some functions give back as null and others as INVALID_HANDLE_VALUE on failure:
 // both count as no handle.
-struct File {
+struct EitherInvalid {
     using Type = HANDLE;
-    static Type Invalid() { return INVALID_HANDLE_VALUE; }
     static bool IsValid(Type h) { return h != INVALID_HANDLE_VALUE && h != nullptr; }
+};
+// Files, folders and devices: CreateFileW and NtCreateFile disagree on the failure value.
+struct File : EitherInvalid {
+    static Type Invalid() { return INVALID_HANDLE_VALUE; }
     static void Close(Type h) { CloseHandle(h); }
 };
 // Events, semaphores, processes, threads: null when absent.
-struct Kernel {
-    using Type = HANDLE;
+struct Kernel : EitherInvalid {
     static Type Invalid() { return nullptr; }
-    static bool IsValid(Type h) { return h != nullptr && h != INVALID_HANDLE_VALUE; }
     static void Close(Type h) { CloseHandle(h); }
 };
-struct Find {
-    using Type = HANDLE;
+struct Find : EitherInvalid {
     static Type Invalid() { return INVALID_HANDLE_VALUE; }
-    static bool IsValid(Type h) { return h != INVALID_HANDLE_VALUE && h != nullptr; }
     static void Close(Type h) { FindClose(h); }
 };
 struct Module {
