@@ -181,14 +181,7 @@ Outcome Missing(const wchar_t* name, DWORD code, const wchar_t* message, uint32_
 std::string Get(const wchar_t* name) { return "Manager::GetPlugin(" + Narrow(name) + ")"; }
 std::string Release(const wchar_t* name) { return "Manager::ReleasePlugin(" + Narrow(name) + ")"; }
 
-// Every call each step makes into a sibling, in the documented order, with what its failure
-// leads to. The scenario must make exactly these calls: one left out, added or moved fails.
-const Table& Documented(Mode mode) {
-    static Table normal, recovery;
-    Table& t = mode == Mode::Normal ? normal : recovery;
-    if (!t.empty()) return t;
-    const bool rec = mode == Mode::Recovery;
-
+void AddInitCalls(Table& t, bool rec) {
     Calls& init = t["Init"];
     init.push_back({"service configuration", Get(ids::kServConfigName),
                     Missing(ids::kServConfigName, 5002, L"Dependency not found : ServConfig.", 4)});
@@ -223,7 +216,9 @@ const Table& Documented(Mode mode) {
         init.push_back({"ApplyBackupStatus", "ScanSp::SetOption(9)",
                         {0, {{L"Cannot apply backup status. [error = 31]", 8}}}});
     }
+}
 
+void AddStartCalls(Table& t, bool rec) {
     t["Start"] = {{"update events", "Update::RegisterEvents", {15025, {{L"Cannot register update events [error = 31]", 4}}}},
                   {"remote-scan events", "RemoteScan::RegisterEvents",
                    {15025, {{L"Cannot register remote scan events [error = 31]", 4}}}}};
@@ -250,7 +245,9 @@ const Table& Documented(Mode mode) {
     }
 
     AddRemoteQueries(t["OnScanModeChanged"], "RefreshScanModes", 1);
+}
 
+void AddInstalledCalls(Table& t, bool rec) {
     Calls& installed = t["OnComponentInstalled"];
     const std::wstring lastOk = rec ? L"" : L"{engines}";
     installed.push_back({"reload status 1", kSection,
@@ -277,7 +274,9 @@ const Table& Documented(Mode mode) {
         installed.push_back({"RecoveryStep_RestartService", "Update::RestartService",
                              {0, {{L"Restart service using Update failed [error = 31]", 4}}}});
     }
+}
 
+void AddSlotCalls(Table& t, bool rec) {
     const Outcome saveFailed{1013, {{L"save failed", 4}}};
     AddSaveSettings(t["EnableBackup"], "save", saveFailed);
     if (!rec) {
@@ -300,6 +299,20 @@ const Table& Documented(Mode mode) {
     for (const wchar_t* name : {ids::kCtcName, ids::kRemoteScanName, ids::kServConfigName, ids::kSettingsName,
                                 ids::kUpdateName, ids::kScanSpName})
         if (!(rec && name == ids::kScanSpName)) t["UnInit"].push_back({"hand back", Release(name), {0, {}}});
+}
+
+// Every call each step makes into a sibling, in the documented order, with what its failure
+// leads to. The scenario must make exactly these calls: one left out, added or moved fails.
+const Table& Documented(Mode mode) {
+    static Table normal, recovery;
+    Table& t = mode == Mode::Normal ? normal : recovery;
+    if (!t.empty()) return t;
+    const bool rec = mode == Mode::Recovery;
+
+    AddInitCalls(t, rec);
+    AddStartCalls(t, rec);
+    AddInstalledCalls(t, rec);
+    AddSlotCalls(t, rec);
     return t;
 }
 

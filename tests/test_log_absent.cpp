@@ -44,89 +44,109 @@ std::string Compact(const Json::Value& value) {
     return Json::writeString(writer, value);
 }
 
-// The whole scenario; the folders it uses are named {root} in the summary.
-std::string RunScenario() {
-    const std::wstring root = TempFolder(L"logscenario");
-    const std::wstring engines = root + L"\\engines", core = root + L"\\temp\\scansp", common = root + L"\\common";
+// The folders one run uses, below a temporary root.
+struct Folders {
+    std::wstring root = TempFolder(L"logscenario");
+    std::wstring engines = root + L"\\engines", core = root + L"\\temp\\scansp", common = root + L"\\common";
+};
+
+void LayOut(const Folders& folders) {
+    const std::wstring &root = folders.root, &engines = folders.engines, &core = folders.core, &common = folders.common;
     for (const std::wstring& dir : {engines, engines + L"\\Plugins", root + L"\\temp", core, common,
                                     common + L"\\installer"})
         CreateDirectoryW(dir.c_str(), nullptr);
     WriteBytes(root + L"\\temp\\old.tmp", "x");
     WriteBytes(engines + L"\\Plugins\\update.txt", "kit\ncount 77\nx\nversion 3.2.1\n");
     WriteBytes(common + L"\\installer\\wslib.db", "x");
+}
+
+// A light installation through a whole service lifetime; false when the plug-in was not created.
+bool RunLifetime(const Folders& folders, Summary& s) {
+    const std::wstring &root = folders.root, &engines = folders.engines, &core = folders.core, &common = folders.common;
+    PluginUnderTest plugin;
+    s.Add("created", plugin.primary != nullptr);
+    if (!plugin.primary) return false;
+    auto& env = plugin.env;
+    env.settings.UseFile(root + L"\\settings.json");
+    env.servConfig.SetText(51, L"BASE", L"light");
+    env.servConfig.SetText(17, L"scansp", core.c_str());
+    env.servConfig.SetText(2, L"scansp", engines.c_str());
+    env.servConfig.SetText(0, L"common", common.c_str());
+    env.remoteScan.SetStatus(true);
+    env.remoteScan.SetFallbackMode(2);
+    env.update.FailStatistics(1460);
+    void* scan = plugin.scan;
+    s.Add("Init", plugin.Init());
+    s.Add("Start", plugin.Start());
+    s.Add("DelayedStart", plugin.DelayedStart());
+    ScanType type;
+    ScanMode p, f;
+    s.Add("GetScanType", GetScanType(scan, &type) * 100 + type);
+    s.Add("GetScanModes", GetScanModes(scan, &p, &f) * 100 + p * 10 + f);
+    qv::StringW version;
+    uint64_t count = 0;
+    s.Add("GetEnginesVersion", GetEnginesVersion(scan, &version));
+    s.Add("version", Utf8(version.c_str()));
+    s.Add("GetSignaturesCount", GetSignaturesCount(scan, &count) * 1000 + static_cast<long long>(count));
+    s.Add("EnableBackup", EnableBackup(scan, true));
+    s.Add("ReportSignatureInfo", ReportSignatureInfo(scan, true));
+    s.Add("SetFeatureStatus", SetFeatureStatus(scan, qv::StringW(L"Firewall"), false));
+    env.scanSp.SetOptionResultFor(9, 5);
+    s.Add("EnableBackup refused", EnableBackup(scan, false));
+    env.scanSp.SetOptionResultFor(9, 0);
+    env.settings.FailAllSets(true);
+    s.Add("ReportSignatureInfo unsaved", ReportSignatureInfo(scan, false));
+    env.settings.FailAllSets(false);
+    env.remoteScan.SetFallbackMode(1);
+    s.Add("OnScanModeChanged", env.remoteScan.FireScanModeChanged());
+    env.scanSp.SetReloadResult(0);
+    s.Add("OnComponentInstalled", env.update.DeliverComponentInstalled(L"Updater", L"ANTIVIRUS", engines.c_str()));
+    env.scanSp.SetReloadResult(1460);
+    s.Add("OnComponentInstalled failing", env.update.DeliverComponentInstalled(L"U", L"Antivirus", engines.c_str()));
+    s.Add("Stop", plugin.Stop());
+    s.Add("UnInit", plugin.UnInit());
+    s.Add("balanced", env.manager.Balanced());
+    s.Add("settings", Compact(env.settings.Document()));
+    plugin.stopped = true;
+    return true;
+}
+
+// A full installation whose scan service provider is missing at Init: the recovery.
+void RunRecovery(const Folders& folders, Summary& s) {
+    const std::wstring &root = folders.root, &engines = folders.engines, &common = folders.common;
+    PluginUnderTest plugin;
+    auto& env = plugin.env;
+    env.settings.UseFile(root + L"\\settings.json");
+    env.servConfig.SetText(51, L"BASE", L"full");
+    env.servConfig.SetText(2, L"scansp", engines.c_str());
+    env.servConfig.SetText(0, L"common", common.c_str());
+    env.manager.SetMissing(ids::kScanSpName);
+    s.Add("recovery Init", plugin.Init());
+    s.Add("recovery Start", plugin.Start());
+    s.Add("recovery DelayedStart", plugin.DelayedStart());
+    ScanMode p, f;
+    s.Add("recovery GetScanModes", static_cast<long long>(GetScanModes(plugin.scan, &p, &f)));
+    for (const auto& event : env.telemetry.Events()) s.Add("telemetry", Compact(event.event));
+    s.Add("update requests", static_cast<long long>(env.update.Requests().size()));
+    s.Add("cache left", Exists(common + L"\\installer\\wslib.db"));
+    env.manager.Restore(ids::kScanSpName);
+    s.Add("recovery OnComponentInstalled",
+          env.update.DeliverComponentInstalled(L"Updater", L"Antivirus", engines.c_str()));
+    for (const auto& restart : env.update.Restarts())
+        s.Add("restart", std::to_string(restart.value) + " " + Utf8(restart.serviceName));
+    plugin.StopAll();
+    s.Add("recovery balanced", env.manager.Balanced());
+    s.Add("recovery settings", Compact(env.settings.Document()));
+}
+
+// The whole scenario; the folders it uses are named {root} in the summary.
+std::string RunScenario() {
+    const Folders folders;
+    const std::wstring& root = folders.root;
+    LayOut(folders);
     Summary s;
-    {
-        PluginUnderTest plugin;
-        s.Add("created", plugin.primary != nullptr);
-        if (!plugin.primary) return s.text;
-        auto& env = plugin.env;
-        env.settings.UseFile(root + L"\\settings.json");
-        env.servConfig.SetText(51, L"BASE", L"light");
-        env.servConfig.SetText(17, L"scansp", core.c_str());
-        env.servConfig.SetText(2, L"scansp", engines.c_str());
-        env.servConfig.SetText(0, L"common", common.c_str());
-        env.remoteScan.SetStatus(true);
-        env.remoteScan.SetFallbackMode(2);
-        env.update.FailStatistics(1460);
-        void* scan = plugin.scan;
-        s.Add("Init", plugin.Init());
-        s.Add("Start", plugin.Start());
-        s.Add("DelayedStart", plugin.DelayedStart());
-        ScanType type;
-        ScanMode p, f;
-        s.Add("GetScanType", GetScanType(scan, &type) * 100 + type);
-        s.Add("GetScanModes", GetScanModes(scan, &p, &f) * 100 + p * 10 + f);
-        qv::StringW version;
-        uint64_t count = 0;
-        s.Add("GetEnginesVersion", GetEnginesVersion(scan, &version));
-        s.Add("version", Utf8(version.c_str()));
-        s.Add("GetSignaturesCount", GetSignaturesCount(scan, &count) * 1000 + static_cast<long long>(count));
-        s.Add("EnableBackup", EnableBackup(scan, true));
-        s.Add("ReportSignatureInfo", ReportSignatureInfo(scan, true));
-        s.Add("SetFeatureStatus", SetFeatureStatus(scan, qv::StringW(L"Firewall"), false));
-        env.scanSp.SetOptionResultFor(9, 5);
-        s.Add("EnableBackup refused", EnableBackup(scan, false));
-        env.scanSp.SetOptionResultFor(9, 0);
-        env.settings.FailAllSets(true);
-        s.Add("ReportSignatureInfo unsaved", ReportSignatureInfo(scan, false));
-        env.settings.FailAllSets(false);
-        env.remoteScan.SetFallbackMode(1);
-        s.Add("OnScanModeChanged", env.remoteScan.FireScanModeChanged());
-        env.scanSp.SetReloadResult(0);
-        s.Add("OnComponentInstalled", env.update.DeliverComponentInstalled(L"Updater", L"ANTIVIRUS", engines.c_str()));
-        env.scanSp.SetReloadResult(1460);
-        s.Add("OnComponentInstalled failing", env.update.DeliverComponentInstalled(L"U", L"Antivirus", engines.c_str()));
-        s.Add("Stop", plugin.Stop());
-        s.Add("UnInit", plugin.UnInit());
-        s.Add("balanced", env.manager.Balanced());
-        s.Add("settings", Compact(env.settings.Document()));
-        plugin.stopped = true;
-    }
-    {
-        PluginUnderTest plugin;
-        auto& env = plugin.env;
-        env.settings.UseFile(root + L"\\settings.json");
-        env.servConfig.SetText(51, L"BASE", L"full");
-        env.servConfig.SetText(2, L"scansp", engines.c_str());
-        env.servConfig.SetText(0, L"common", common.c_str());
-        env.manager.SetMissing(ids::kScanSpName);
-        s.Add("recovery Init", plugin.Init());
-        s.Add("recovery Start", plugin.Start());
-        s.Add("recovery DelayedStart", plugin.DelayedStart());
-        ScanMode p, f;
-        s.Add("recovery GetScanModes", static_cast<long long>(GetScanModes(plugin.scan, &p, &f)));
-        for (const auto& event : env.telemetry.Events()) s.Add("telemetry", Compact(event.event));
-        s.Add("update requests", static_cast<long long>(env.update.Requests().size()));
-        s.Add("cache left", Exists(common + L"\\installer\\wslib.db"));
-        env.manager.Restore(ids::kScanSpName);
-        s.Add("recovery OnComponentInstalled",
-              env.update.DeliverComponentInstalled(L"Updater", L"Antivirus", engines.c_str()));
-        for (const auto& restart : env.update.Restarts())
-            s.Add("restart", std::to_string(restart.value) + " " + Utf8(restart.serviceName));
-        plugin.StopAll();
-        s.Add("recovery balanced", env.manager.Balanced());
-        s.Add("recovery settings", Compact(env.settings.Document()));
-    }
+    if (!RunLifetime(folders, s)) return s.text;
+    RunRecovery(folders, s);
     RemoveFolder(root);
     // Folders differ from run to run; their names do not matter here.
     std::string text = Replace(s.text, Utf8(root), "{root}");

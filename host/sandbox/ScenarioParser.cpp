@@ -226,10 +226,93 @@ const Verb kVerbs[] = {
     {"restartService", Action::RestartService},
 };
 
-std::string VerbList() {
+template <class Items, class Text> std::string JoinedList(const Items& items, Text text) {
     std::string list;
-    for (const Verb& v : kVerbs) list += std::string(list.empty() ? "" : ", ") + v.text;
+    for (const auto& item : items) list += std::string(list.empty() ? "" : ", ") + text(item);
     return list;
+}
+
+Action::Kind ParseVerb(Fields& f, const std::string& verb) {
+    for (const Verb& v : kVerbs) {
+        if (verb == v.text) return v.kind;
+    }
+    const std::string verbs = JoinedList(kVerbs, [](const Verb& v) { return v.text; });
+    Fail(f.Path("do"), "unknown action \"" + verb + "\" (one of: " + verbs + ")");
+    return Action::Kind();
+}
+
+void ParseQuery(Fields& f, Action& a) {
+    a.what = f.RequiredString("what");
+    bool ok = false;
+    for (const char* q : kQueries) ok = ok || a.what == q;
+    if (!ok) {
+        const std::string list = JoinedList(kQueries, [](const char* q) { return q; });
+        Fail(f.Path("what"), "unknown query \"" + a.what + "\" (one of: " + list + ")");
+    }
+    if (a.what == "feature") a.name = Wide(f.RequiredString("name"));
+    if (f.Has("answer")) {
+        if (a.what == "all") Fail(f.Path("answer"), "cannot be checked for the query \"all\"");
+        a.hasExpectValue = true;
+        a.expectValue = f.Raw("answer");
+    }
+    if (a.what == "all" && a.hasExpect) Fail(f.Path("expect"), "cannot be checked for the query \"all\"");
+}
+
+void ParseInstall(Fields& f, Action& a, const Scenario& scenario) {
+    a.kit = Wide(f.RequiredString("kit"));
+    const bool isFolder = a.kit.find_first_of(L"\\/:") != std::wstring::npos;
+    if (!isFolder && !scenario.kits.count(a.kit))
+        Fail(f.Path("kit"), "no kit named \"" + Utf8(a.kit) + "\" in \"kits\" (give a folder path for a kit elsewhere)");
+    a.target = SandboxRelative(f.WideString("target"), f.Path("target"), true);
+    a.updater = f.WideString("updater", a.updater);
+    a.component = f.WideString("component", a.component);
+    a.recordStatistics = f.Bool("statistics", true);
+}
+
+// The three remote-scan events; a status change may come with a new fallback mode.
+void ParseRemoteEvent(Fields& f, Action& a) {
+    if (a.kind == Action::RemoteStatus) a.flag = f.RequiredBool("value");
+    if (f.Has("fallbackMode")) {
+        a.hasFallbackMode = true;
+        a.fallbackMode = static_cast<uint32_t>(f.Integer("fallbackMode", 0, 0, 0xFFFFFFFFll));
+    }
+    if (a.kind != Action::RemoteStatus && f.Has("status")) {
+        a.hasStatus = true;
+        a.flag = f.Bool("status", false);
+    }
+}
+
+void ParseSetPlugin(Fields& f, Action& a) {
+    a.name = Wide(f.RequiredString("name"));
+    if (!IsKnownPluginName(a.name)) Fail(f.Path("name"), "unknown plug-in \"" + Utf8(a.name) + "\"");
+    if (!f.Has("state")) Fail(f.Path("state"), "is required");
+    a.plugin = ParsePluginState(f.Raw("state"), f.Path("state"), a.name == ids::kScanSpName);
+}
+
+// What each kind of action takes besides "do" and "expect".
+void ParseActionFields(Fields& f, Action& a, const Scenario& scenario) {
+    switch (a.kind) {
+    case Action::Query: ParseQuery(f, a); break;
+    case Action::EnableBackup:
+    case Action::ReportHashChain:
+    case Action::ReportSignatureInfo: a.flag = f.RequiredBool("value"); break;
+    case Action::SetFeature:
+        a.name = Wide(f.RequiredString("name"));
+        a.flag = f.RequiredBool("locked");
+        break;
+    case Action::Install: ParseInstall(f, a, scenario); break;
+    case Action::RemoteStatus:
+    case Action::RemoteSettings:
+    case Action::RemoteScanMode: ParseRemoteEvent(f, a); break;
+    case Action::SetPlugin: ParseSetPlugin(f, a); break;
+    case Action::SetConfig: a.config = ParseConfigText(f, true); break;
+    case Action::DeleteFile: a.path = SandboxRelative(Wide(f.RequiredString("path")), f.Path("path")); break;
+    case Action::WriteFile:
+        a.path = SandboxRelative(Wide(f.RequiredString("path")), f.Path("path"));
+        a.text = f.WideString("text");
+        break;
+    default: break;
+    }
 }
 
 Action ParseAction(const Json::Value& value, const std::string& field, const Scenario& scenario) {
@@ -237,92 +320,12 @@ Action ParseAction(const Json::Value& value, const std::string& field, const Sce
     Action a;
     a.field = field;
     a.verb = f.RequiredString("do");
-    bool known = false;
-    for (const Verb& v : kVerbs) {
-        if (a.verb == v.text) {
-            a.kind = v.kind;
-            known = true;
-        }
-    }
-    if (!known) Fail(f.Path("do"), "unknown action \"" + a.verb + "\" (one of: " + VerbList() + ")");
+    a.kind = ParseVerb(f, a.verb);
     if (f.Has("expect")) {
         a.hasExpect = true;
         a.expect = f.Code("expect");
     }
-    switch (a.kind) {
-    case Action::Query: {
-        a.what = f.RequiredString("what");
-        bool ok = false;
-        for (const char* q : kQueries) ok = ok || a.what == q;
-        if (!ok) {
-            std::string list;
-            for (const char* q : kQueries) list += std::string(list.empty() ? "" : ", ") + q;
-            Fail(f.Path("what"), "unknown query \"" + a.what + "\" (one of: " + list + ")");
-        }
-        if (a.what == "feature") a.name = Wide(f.RequiredString("name"));
-        if (f.Has("answer")) {
-            if (a.what == "all") Fail(f.Path("answer"), "cannot be checked for the query \"all\"");
-            a.hasExpectValue = true;
-            a.expectValue = f.Raw("answer");
-        }
-        if (a.what == "all" && a.hasExpect) Fail(f.Path("expect"), "cannot be checked for the query \"all\"");
-        break;
-    }
-    case Action::EnableBackup:
-    case Action::ReportHashChain:
-    case Action::ReportSignatureInfo:
-        a.flag = f.RequiredBool("value");
-        break;
-    case Action::SetFeature:
-        a.name = Wide(f.RequiredString("name"));
-        a.flag = f.RequiredBool("locked");
-        break;
-    case Action::Install: {
-        a.kit = Wide(f.RequiredString("kit"));
-        const bool isFolder = a.kit.find_first_of(L"\\/:") != std::wstring::npos;
-        if (!isFolder && !scenario.kits.count(a.kit))
-            Fail(f.Path("kit"), "no kit named \"" + Utf8(a.kit) + "\" in \"kits\" (give a folder path for a kit elsewhere)");
-        a.target = SandboxRelative(f.WideString("target"), f.Path("target"), true);
-        a.updater = f.WideString("updater", a.updater);
-        a.component = f.WideString("component", a.component);
-        a.recordStatistics = f.Bool("statistics", true);
-        break;
-    }
-    case Action::RemoteStatus:
-        a.flag = f.RequiredBool("value");
-        // A status change may come with a new fallback mode.
-        [[fallthrough]];
-    case Action::RemoteSettings:
-    case Action::RemoteScanMode:
-        if (f.Has("fallbackMode")) {
-            a.hasFallbackMode = true;
-            a.fallbackMode = static_cast<uint32_t>(f.Integer("fallbackMode", 0, 0, 0xFFFFFFFFll));
-        }
-        if (a.kind != Action::RemoteStatus && f.Has("status")) {
-            a.hasStatus = true;
-            a.flag = f.Bool("status", false);
-        }
-        break;
-    case Action::SetPlugin: {
-        a.name = Wide(f.RequiredString("name"));
-        if (!IsKnownPluginName(a.name)) Fail(f.Path("name"), "unknown plug-in \"" + Utf8(a.name) + "\"");
-        if (!f.Has("state")) Fail(f.Path("state"), "is required");
-        a.plugin = ParsePluginState(f.Raw("state"), f.Path("state"), a.name == ids::kScanSpName);
-        break;
-    }
-    case Action::SetConfig:
-        a.config = ParseConfigText(f, true);
-        break;
-    case Action::DeleteFile:
-        a.path = SandboxRelative(Wide(f.RequiredString("path")), f.Path("path"));
-        break;
-    case Action::WriteFile:
-        a.path = SandboxRelative(Wide(f.RequiredString("path")), f.Path("path"));
-        a.text = f.WideString("text");
-        break;
-    default:
-        break;
-    }
+    ParseActionFields(f, a, scenario);
     f.Finish();
     return a;
 }
@@ -366,16 +369,158 @@ bool IsKnownPluginName(const std::wstring& name) {
     return false;
 }
 
-Scenario ParseScenario(const std::string& text, const std::string& source) {
-    Json::Value root;
-    {
-        Json::CharReaderBuilder builder;
-        Json::CharReaderBuilder::strictMode(&builder.settings_);
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        std::string errors;
-        if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors))
-            throw ScenarioError(source + ": not valid JSON: " + SyntaxError(errors));
+namespace {
+
+void ParseConfig(Fields& top, Scenario& s) {
+    if (!top.Has("config")) return;
+    Fields config(top.Raw("config"), "config");
+    if (config.Has("scanType")) {
+        const Json::Value& t = config.Raw("scanType");
+        if (t.isNull()) {
+            s.scanTypeSet = false;
+        } else if (t.isString()) {
+            s.scanType = Wide(t.asString());
+        } else {
+            Fail("config.scanType", "expected a string (\"full\", \"light\", \"remote\") or null, found " + Describe(t));
+        }
     }
+    if (config.Has("texts")) {
+        const Json::Value& list = config.Raw("texts");
+        if (!list.isArray()) Fail("config.texts", "expected an array, found " + Describe(list));
+        for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+            Fields t(list[i], "config.texts[" + std::to_string(i) + "]");
+            s.texts.push_back(ParseConfigText(t, true));
+            t.Finish();
+        }
+    }
+    config.Finish();
+}
+
+void ParsePlugins(Fields& top, Scenario& s) {
+    if (!top.Has("plugins")) return;
+    Fields plugins(top.Raw("plugins"), "plugins");
+    for (const std::string& key : top.Raw("plugins").getMemberNames()) {
+        const std::wstring name = Wide(key);
+        if (!IsKnownPluginName(name)) Fail(plugins.Path(key), "unknown plug-in");
+        s.plugins[name] = ParsePluginState(plugins.Raw(key), plugins.Path(key), name == ids::kScanSpName);
+    }
+    plugins.Finish();
+}
+
+// The engines folder, the other folders and files laid out before the run, and the kits.
+void ParseFiles(Fields& top, Scenario& s) {
+    if (top.Has("engines")) {
+        Fields e(top.Raw("engines"), "engines");
+        s.enginesFolder = SandboxRelative(e.WideString("folder", s.enginesFolder), "engines.folder");
+        ParseContent(e, s.engines);
+        e.Finish();
+    }
+    s.signatureFolders = RelativeList(top, "signatureFolders");
+    s.commonFiles = RelativeList(top, "common");
+    s.tempLeftovers = RelativeList(top, "coreTempLeftovers");
+    if (!top.Has("kits")) return;
+    Fields kits(top.Raw("kits"), "kits");
+    for (const std::string& key : top.Raw("kits").getMemberNames()) {
+        if (key.empty() || key.find_first_of("\\/:") != std::string::npos || key == "." || key == "..")
+            Fail(kits.Path(key), "a kit name must be a plain folder name");
+        Fields kit(kits.Raw(key), kits.Path(key));
+        ParseContent(kit, s.kits[Wide(key)]);
+        kit.Finish();
+    }
+    kits.Finish();
+}
+
+void ParseScanSpAndRemoteScan(Fields& top, Scenario& s) {
+    if (top.Has("scanSp")) {
+        Fields f(top.Raw("scanSp"), "scanSp");
+        if (f.Has("requiredFiles")) s.scanSp.requiredFiles = RelativeList(f, "requiredFiles");
+        s.scanSp.emptyFilesLoad = f.Bool("emptyFilesLoad", false);
+        s.scanSp.reloadError = f.Code("reloadError");
+        s.scanSp.optionError = f.Code("optionError");
+        f.Finish();
+    }
+    if (top.Has("remoteScan")) {
+        Fields f(top.Raw("remoteScan"), "remoteScan");
+        s.remoteScan.status = f.Bool("status", false);
+        s.remoteScan.fallbackMode = static_cast<uint32_t>(f.Integer("fallbackMode", 0, 0, 0xFFFFFFFFll));
+        s.remoteScan.queryError = f.Code("queryError");
+        s.remoteScan.registrationError = f.Code("registrationError");
+        f.Finish();
+    }
+}
+
+void ParseStatistics(Fields& f, Scenario& s) {
+    if (!f.Has("statistics")) return;
+    const Json::Value& list = f.Raw("statistics");
+    if (!list.isArray()) Fail("update.statistics", "expected an array, found " + Describe(list));
+    for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+        Fields st(list[i], "update.statistics[" + std::to_string(i) + "]");
+        Statistic stat;
+        stat.component = Wide(st.String("component", "Antivirus"));
+        stat.version = Wide(st.RequiredString("version"));
+        stat.count = static_cast<int32_t>(st.Integer("count", 0, INT32_MIN, INT32_MAX));
+        st.Finish();
+        s.update.statistics.push_back(stat);
+    }
+}
+
+void ParseUpdate(Fields& top, Scenario& s) {
+    if (!top.Has("update")) return;
+    Fields f(top.Raw("update"), "update");
+    ParseStatistics(f, s);
+    s.update.statisticsError = f.Code("statisticsError");
+    s.update.settingsError = f.Code("settingsError");
+    s.update.startUpdateError = f.Code("startUpdateError");
+    s.update.startUpdateStatus = static_cast<uint32_t>(f.Integer("startUpdateStatus", 0, 0, 0xFFFFFFFFll));
+    s.update.restartError = f.Code("restartError");
+    s.update.registrationError = f.Code("registrationError");
+    s.update.locations = f.StringList("locations");
+    f.Finish();
+}
+
+void ParseTelemetryAndSettings(Fields& top, Scenario& s) {
+    if (top.Has("telemetry")) {
+        Fields f(top.Raw("telemetry"), "telemetry");
+        s.telemetryResult = f.Code("result");
+        f.Finish();
+    }
+    if (!top.Has("settings")) return;
+    Fields f(top.Raw("settings"), "settings");
+    if (f.Has("section")) {
+        s.settings.section = f.Raw("section");
+        if (!s.settings.section.isObject())
+            Fail("settings.section",
+                 "expected an object (the \"/AntivirusScan\" section), found " + Describe(s.settings.section));
+    }
+    s.settings.failWrites = f.Bool("failWrites", false);
+    s.settings.refuseOpen = f.Bool("refuseOpen", false);
+    f.Finish();
+}
+
+void ParseActions(Fields& top, Scenario& s) {
+    if (!top.Has("actions")) Fail("actions", "is required (the host's actions, in order)");
+    const Json::Value& actions = top.Raw("actions");
+    if (!actions.isArray()) Fail("actions", "expected an array, found " + Describe(actions));
+    if (actions.size() == 0) Fail("actions", "must hold at least one action");
+    for (Json::ArrayIndex i = 0; i < actions.size(); ++i)
+        s.actions.push_back(ParseAction(actions[i], "actions[" + std::to_string(i) + "]", s));
+}
+
+Json::Value ParseJson(const std::string& text, const std::string& source) {
+    Json::Value root;
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors))
+        throw ScenarioError(source + ": not valid JSON: " + SyntaxError(errors));
+    return root;
+}
+
+} // namespace
+
+Scenario ParseScenario(const std::string& text, const std::string& source) {
+    const Json::Value root = ParseJson(text, source);
     try {
         Scenario s;
         s.source = source;
@@ -383,126 +528,13 @@ Scenario ParseScenario(const std::string& text, const std::string& source) {
         Fields top(root, "");
         s.name = top.String("name", "unnamed");
         s.description = top.String("description");
-
-        if (top.Has("config")) {
-            Fields config(top.Raw("config"), "config");
-            if (config.Has("scanType")) {
-                const Json::Value& t = config.Raw("scanType");
-                if (t.isNull()) {
-                    s.scanTypeSet = false;
-                } else if (t.isString()) {
-                    s.scanType = Wide(t.asString());
-                } else {
-                    Fail("config.scanType", "expected a string (\"full\", \"light\", \"remote\") or null, found " + Describe(t));
-                }
-            }
-            if (config.Has("texts")) {
-                const Json::Value& list = config.Raw("texts");
-                if (!list.isArray()) Fail("config.texts", "expected an array, found " + Describe(list));
-                for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
-                    Fields t(list[i], "config.texts[" + std::to_string(i) + "]");
-                    s.texts.push_back(ParseConfigText(t, true));
-                    t.Finish();
-                }
-            }
-            config.Finish();
-        }
-
-        if (top.Has("plugins")) {
-            Fields plugins(top.Raw("plugins"), "plugins");
-            for (const std::string& key : top.Raw("plugins").getMemberNames()) {
-                const std::wstring name = Wide(key);
-                if (!IsKnownPluginName(name)) Fail(plugins.Path(key), "unknown plug-in");
-                s.plugins[name] = ParsePluginState(plugins.Raw(key), plugins.Path(key), name == ids::kScanSpName);
-            }
-            plugins.Finish();
-        }
-
-        if (top.Has("engines")) {
-            Fields e(top.Raw("engines"), "engines");
-            s.enginesFolder = SandboxRelative(e.WideString("folder", s.enginesFolder), "engines.folder");
-            ParseContent(e, s.engines);
-            e.Finish();
-        }
-        s.signatureFolders = RelativeList(top, "signatureFolders");
-        s.commonFiles = RelativeList(top, "common");
-        s.tempLeftovers = RelativeList(top, "coreTempLeftovers");
-        if (top.Has("kits")) {
-            Fields kits(top.Raw("kits"), "kits");
-            for (const std::string& key : top.Raw("kits").getMemberNames()) {
-                if (key.empty() || key.find_first_of("\\/:") != std::string::npos || key == "." || key == "..")
-                    Fail(kits.Path(key), "a kit name must be a plain folder name");
-                Fields kit(kits.Raw(key), kits.Path(key));
-                ParseContent(kit, s.kits[Wide(key)]);
-                kit.Finish();
-            }
-            kits.Finish();
-        }
-
-        if (top.Has("scanSp")) {
-            Fields f(top.Raw("scanSp"), "scanSp");
-            if (f.Has("requiredFiles")) s.scanSp.requiredFiles = RelativeList(f, "requiredFiles");
-            s.scanSp.emptyFilesLoad = f.Bool("emptyFilesLoad", false);
-            s.scanSp.reloadError = f.Code("reloadError");
-            s.scanSp.optionError = f.Code("optionError");
-            f.Finish();
-        }
-        if (top.Has("remoteScan")) {
-            Fields f(top.Raw("remoteScan"), "remoteScan");
-            s.remoteScan.status = f.Bool("status", false);
-            s.remoteScan.fallbackMode = static_cast<uint32_t>(f.Integer("fallbackMode", 0, 0, 0xFFFFFFFFll));
-            s.remoteScan.queryError = f.Code("queryError");
-            s.remoteScan.registrationError = f.Code("registrationError");
-            f.Finish();
-        }
-        if (top.Has("update")) {
-            Fields f(top.Raw("update"), "update");
-            if (f.Has("statistics")) {
-                const Json::Value& list = f.Raw("statistics");
-                if (!list.isArray()) Fail("update.statistics", "expected an array, found " + Describe(list));
-                for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
-                    Fields st(list[i], "update.statistics[" + std::to_string(i) + "]");
-                    Statistic stat;
-                    stat.component = Wide(st.String("component", "Antivirus"));
-                    stat.version = Wide(st.RequiredString("version"));
-                    stat.count = static_cast<int32_t>(st.Integer("count", 0, INT32_MIN, INT32_MAX));
-                    st.Finish();
-                    s.update.statistics.push_back(stat);
-                }
-            }
-            s.update.statisticsError = f.Code("statisticsError");
-            s.update.settingsError = f.Code("settingsError");
-            s.update.startUpdateError = f.Code("startUpdateError");
-            s.update.startUpdateStatus = static_cast<uint32_t>(f.Integer("startUpdateStatus", 0, 0, 0xFFFFFFFFll));
-            s.update.restartError = f.Code("restartError");
-            s.update.registrationError = f.Code("registrationError");
-            s.update.locations = f.StringList("locations");
-            f.Finish();
-        }
-        if (top.Has("telemetry")) {
-            Fields f(top.Raw("telemetry"), "telemetry");
-            s.telemetryResult = f.Code("result");
-            f.Finish();
-        }
-        if (top.Has("settings")) {
-            Fields f(top.Raw("settings"), "settings");
-            if (f.Has("section")) {
-                s.settings.section = f.Raw("section");
-                if (!s.settings.section.isObject())
-                    Fail("settings.section", "expected an object (the \"/AntivirusScan\" section), found " +
-                                                 Describe(s.settings.section));
-            }
-            s.settings.failWrites = f.Bool("failWrites", false);
-            s.settings.refuseOpen = f.Bool("refuseOpen", false);
-            f.Finish();
-        }
-
-        if (!top.Has("actions")) Fail("actions", "is required (the host's actions, in order)");
-        const Json::Value& actions = top.Raw("actions");
-        if (!actions.isArray()) Fail("actions", "expected an array, found " + Describe(actions));
-        if (actions.size() == 0) Fail("actions", "must hold at least one action");
-        for (Json::ArrayIndex i = 0; i < actions.size(); ++i)
-            s.actions.push_back(ParseAction(actions[i], "actions[" + std::to_string(i) + "]", s));
+        ParseConfig(top, s);
+        ParsePlugins(top, s);
+        ParseFiles(top, s);
+        ParseScanSpAndRemoteScan(top, s);
+        ParseUpdate(top, s);
+        ParseTelemetryAndSettings(top, s);
+        ParseActions(top, s);
         top.Finish();
         return s;
     } catch (const ScenarioError& e) {

@@ -393,6 +393,40 @@ void ScenarioRunner::DoRestart(StepRecord& step, int stepNumber) {
     Note("service process ended (object destroyed, library unloaded); the service starts again");
 }
 
+namespace {
+
+DWORD ChangeFile(const SandboxLayout& layout, const Action& action) {
+    const std::wstring path = layout.Absolute(action.path);
+    if (action.kind == Action::DeleteFile) return DeleteFileW(path.c_str()) ? ERROR_SUCCESS : GetLastError();
+    const size_t slash = path.find_last_of(L'\\');
+    const bool ok = CreateFolders(path.substr(0, slash)) && WriteFileText(path, Utf8(action.text));
+    return ok ? ERROR_SUCCESS : GetLastError();
+}
+
+} // namespace
+
+// "all" asks every query without a name and records the answers, not a result.
+void ScenarioRunner::DoQuery(const Action& action, StepRecord& step) {
+    if (action.what == "all") {
+        Json::Value all(Json::objectValue);
+        for (const char* what : {"scanType", "scanModes", "backup", "hashChain", "signatureInfo", "signaturesVersion",
+                                 "signaturesCount"}) {
+            DWORD result = 0;
+            std::string shown;
+            all[what] = Ask(what, std::wstring(), result, shown);
+            Out().Line(kIndent + std::string(what) + " -> " + CodeText(result) + "   " + shown);
+        }
+        step.value = all;
+        return;
+    }
+    DWORD result = 0;
+    std::string shown;
+    step.value = Ask(action.what, action.name, result, shown);
+    step.hasResult = true;
+    step.result = result;
+    Out().Line(kIndent + std::string("answer  ") + shown);
+}
+
 void ScenarioRunner::RunAction(const Action& action, StepRecord& step) {
     IDelayedServPlugin* plugin = module_.Lifecycle();
     IAntivirusScan* scan = module_.Scan();
@@ -406,25 +440,7 @@ void ScenarioRunner::RunAction(const Action& action, StepRecord& step) {
     case Action::DelayedStart: setResult(plugin->DelayedStart()); break;
     case Action::Stop: setResult(DoStop(step.step)); break;
     case Action::UnInit: setResult(DoUnInit(step)); break;
-    case Action::Query:
-        if (action.what == "all") {
-            Json::Value all(Json::objectValue);
-            for (const char* what : {"scanType", "scanModes", "backup", "hashChain", "signatureInfo", "signaturesVersion",
-                                     "signaturesCount"}) {
-                DWORD result = 0;
-                std::string shown;
-                all[what] = Ask(what, std::wstring(), result, shown);
-                Out().Line(kIndent + std::string(what) + " -> " + CodeText(result) + "   " + shown);
-            }
-            step.value = all;
-        } else {
-            DWORD result = 0;
-            std::string shown;
-            step.value = Ask(action.what, action.name, result, shown);
-            setResult(result);
-            Out().Line(kIndent + std::string("answer  ") + shown);
-        }
-        break;
+    case Action::Query: DoQuery(action, step); break;
     case Action::EnableBackup: setResult(scan->EnableBackup(action.flag)); break;
     case Action::ReportHashChain: {
         HashChainSettings settings{action.flag};
@@ -445,24 +461,13 @@ void ScenarioRunner::RunAction(const Action& action, StepRecord& step) {
         host_->SetPlugin(action.name, action.plugin);
         Note("component manager: \"" + Utf8(action.name) + "\" is now " + PluginStateText(action.plugin));
         break;
-    case Action::SetConfig: {
+    case Action::SetConfig:
         host_->SetText(action.config);
         Note("service configuration (" + std::to_string(action.config.category) + ", \"" + Utf8(action.config.name) +
              "\") " + (action.config.clear ? std::string("unset") : "= \"" + Utf8(layout_.Expand(action.config.text)) + "\""));
         break;
-    }
-    case Action::DeleteFile: {
-        const std::wstring path = layout_.Absolute(action.path);
-        setResult(DeleteFileW(path.c_str()) ? ERROR_SUCCESS : GetLastError());
-        break;
-    }
-    case Action::WriteFile: {
-        const std::wstring path = layout_.Absolute(action.path);
-        const size_t slash = path.find_last_of(L'\\');
-        const bool ok = CreateFolders(path.substr(0, slash)) && WriteFileText(path, Utf8(action.text));
-        setResult(ok ? ERROR_SUCCESS : GetLastError());
-        break;
-    }
+    case Action::DeleteFile:
+    case Action::WriteFile: setResult(ChangeFile(layout_, action)); break;
     case Action::RestartService: break;  // handled by Run: it replaces the process
     }
 }

@@ -33,6 +33,7 @@ private:
     void EndProcess();
     void RunAction(const Action& action, StepRecord& step);
     void RunShutdown(StepRecord& step);
+    void DoQuery(const Action& action, StepRecord& step);
     DWORD DoInit();
     DWORD DoStop(int stepNumber);
     DWORD DoUnInit(StepRecord& step);

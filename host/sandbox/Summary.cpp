@@ -82,16 +82,16 @@ int RunRecord::ExpectationsFailed() const {
     return failed;
 }
 
-Json::Value BuildSummary(const RunRecord& r) {
-    Json::Value j(Json::objectValue);
-    j["scenario"]["name"] = r.scenarioName;
-    j["scenario"]["source"] = r.scenarioSource;
-    j["scenario"]["description"] = r.description;
-    j["ok"] = r.Ok();
-    j["expectations"]["met"] = r.ExpectationsMet();
-    j["expectations"]["failed"] = r.ExpectationsFailed();
+namespace {
 
-    Json::Value& sandbox = j["sandbox"];
+template <class Events> Json::Value EventList(const Events& recorded) {
+    Json::Value events(Json::arrayValue);
+    for (const auto& e : recorded) events.append(Event(e));
+    return events;
+}
+
+Json::Value SandboxJson(const RunRecord& r) {
+    Json::Value sandbox(Json::objectValue);
     sandbox["root"] = Utf8(r.layout.root);
     sandbox["kept"] = r.kept;
     sandbox["engines"] = Utf8(r.layout.engines);
@@ -100,63 +100,81 @@ Json::Value BuildSummary(const RunRecord& r) {
     sandbox["settingsFile"] = Utf8(r.layout.settingsFile);
     sandbox["telemetryFile"] = Utf8(r.layout.telemetryFile);
     sandbox["logFile"] = Utf8(r.layout.logFile);
+    return sandbox;
+}
 
-    Json::Value steps(Json::arrayValue);
-    for (const StepRecord& s : r.steps) {
-        Json::Value step(Json::objectValue);
-        step["step"] = s.step;
-        step["action"] = s.verb;
-        if (!s.field.empty()) step["field"] = s.field;
-        step["title"] = s.title;
-        step["result"] = s.hasResult ? Json::Value(static_cast<Json::UInt>(s.result)) : Json::Value();
-        if (s.hasExpect) step["expect"] = static_cast<Json::UInt>(s.expect);
-        if (s.hasExpectValue) step["expectAnswer"] = s.expectValue;
-        if (!s.value.isNull()) step["answer"] = s.value;
-        step["ok"] = s.ok;
-        if (!s.failure.empty()) step["failure"] = s.failure;
-        Json::Value host(Json::arrayValue);
-        for (const auto& h : s.host) host.append(h);
-        step["host"] = host;
-        Json::Value log(Json::arrayValue);
-        for (const auto& l : s.log) {
-            Json::Value line(Json::objectValue);
-            line["severity"] = l.severity;
-            line["function"] = l.function;
-            line["text"] = l.text;
-            log.append(line);
-        }
-        step["log"] = log;
-        step["files"] = Files(s.files);
-        Json::Value events(Json::arrayValue);
-        for (const auto& e : s.sinkEvents) events.append(Event(e));
-        step["sinkEvents"] = events;
-        step["telemetry"] = Array(s.telemetry);
-        step["updateRequests"] = Array(s.updateRequests);
-        step["restarts"] = Array(s.restarts);
-        steps.append(step);
+Json::Value StepJson(const StepRecord& s) {
+    Json::Value step(Json::objectValue);
+    step["step"] = s.step;
+    step["action"] = s.verb;
+    if (!s.field.empty()) step["field"] = s.field;
+    step["title"] = s.title;
+    step["result"] = s.hasResult ? Json::Value(static_cast<Json::UInt>(s.result)) : Json::Value();
+    if (s.hasExpect) step["expect"] = static_cast<Json::UInt>(s.expect);
+    if (s.hasExpectValue) step["expectAnswer"] = s.expectValue;
+    if (!s.value.isNull()) step["answer"] = s.value;
+    step["ok"] = s.ok;
+    if (!s.failure.empty()) step["failure"] = s.failure;
+    Json::Value host(Json::arrayValue);
+    for (const auto& h : s.host) host.append(h);
+    step["host"] = host;
+    Json::Value log(Json::arrayValue);
+    for (const auto& l : s.log) {
+        Json::Value line(Json::objectValue);
+        line["severity"] = l.severity;
+        line["function"] = l.function;
+        line["text"] = l.text;
+        log.append(line);
     }
-    j["steps"] = steps;
+    step["log"] = log;
+    step["files"] = Files(s.files);
+    step["sinkEvents"] = EventList(s.sinkEvents);
+    step["telemetry"] = Array(s.telemetry);
+    step["updateRequests"] = Array(s.updateRequests);
+    step["restarts"] = Array(s.restarts);
+    return step;
+}
 
-    j["state"] = r.state;
-    j["stateTaken"] = r.stateTaken;
+Json::Value Member(const Json::Value& object, const char* name) {
+    return object.isObject() ? object.get(name, Json::Value()) : Json::Value();
+}
 
+// The settings the plug-in wrote, as the section holds them after the run.
+Json::Value SettingsJson(const RunRecord& r) {
     const Json::Value& section = Section(r);
-    Json::Value& settings = j["settings"];
-    settings["enableBackup"] = section.isObject() ? section.get("enableBackup", Json::Value()) : Json::Value();
-    settings["reportHashChain"] = section.isObject() ? section.get("reportHashChain", Json::Value()) : Json::Value();
-    settings["reportSignatureInfo"] = section.isObject() ? section.get("reportSignatureInfo", Json::Value()) : Json::Value();
-    Json::Value engines = section.isObject() ? section.get("engines", Json::Value()) : Json::Value();
-    settings["reloadStatus"] = engines.isObject() ? engines.get("reloadStatus", Json::Value()) : Json::Value();
-    settings["lastOkFolder"] = engines.isObject() ? engines.get("folder", Json::Value()) : Json::Value();
+    Json::Value settings(Json::objectValue);
+    settings["enableBackup"] = Member(section, "enableBackup");
+    settings["reportHashChain"] = Member(section, "reportHashChain");
+    settings["reportSignatureInfo"] = Member(section, "reportSignatureInfo");
+    const Json::Value engines = Member(section, "engines");
+    settings["reloadStatus"] = Member(engines, "reloadStatus");
+    settings["lastOkFolder"] = Member(engines, "folder");
     settings["lastOkFolderInSandbox"] =
         settings["lastOkFolder"].isString() ? Json::Value(Utf8(r.layout.Relative(Wide(settings["lastOkFolder"].asString()))))
                                             : Json::Value();
     settings["section"] = section;
+    return settings;
+}
 
+} // namespace
+
+Json::Value BuildSummary(const RunRecord& r) {
+    Json::Value j(Json::objectValue);
+    j["scenario"]["name"] = r.scenarioName;
+    j["scenario"]["source"] = r.scenarioSource;
+    j["scenario"]["description"] = r.description;
+    j["ok"] = r.Ok();
+    j["expectations"]["met"] = r.ExpectationsMet();
+    j["expectations"]["failed"] = r.ExpectationsFailed();
+    j["sandbox"] = SandboxJson(r);
+    Json::Value steps(Json::arrayValue);
+    for (const StepRecord& s : r.steps) steps.append(StepJson(s));
+    j["steps"] = steps;
+    j["state"] = r.state;
+    j["stateTaken"] = r.stateTaken;
+    j["settings"] = SettingsJson(r);
     j["files"] = Files(r.files);
-    Json::Value events(Json::arrayValue);
-    for (const auto& e : r.sinkEvents) events.append(Event(e));
-    j["sinkEvents"] = events;
+    j["sinkEvents"] = EventList(r.sinkEvents);
     j["telemetry"] = Array(r.telemetry);
     j["update"]["requests"] = Array(r.updateRequests);
     j["update"]["restarts"] = Array(r.restarts);
