@@ -15,7 +15,11 @@ DirectoryWalker::DirectoryWalker(HANDLE folder)
 
 bool DirectoryWalker::Fill() {
     if (done) return false;
-    if (!GetFileInformationByHandleEx(folder, FileIdBothDirectoryInfo, buffer.get(), kBufferBytes)) {
+    // The first batch restarts the listing: a handle listed before (to check who sits in it)
+    // is listed whole again.
+    const FILE_INFO_BY_HANDLE_CLASS batch = current || started ? FileIdBothDirectoryInfo : FileIdBothDirectoryRestartInfo;
+    started = true;
+    if (!GetFileInformationByHandleEx(folder, batch, buffer.get(), kBufferBytes)) {
         const DWORD last = GetLastError();
         error = last == ERROR_NO_MORE_FILES ? 0 : last;
         done = true;

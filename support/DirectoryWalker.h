@@ -32,6 +32,7 @@ private:
     std::unique_ptr<LONGLONG[]> buffer;  // LONGLONG: the records hold 64-bit fields
     const FILE_ID_BOTH_DIR_INFO* current = nullptr;
     bool done = false;
+    bool started = false;
     DWORD error = 0;
     std::wstring name;
     DWORD attributes = 0;

@@ -5,6 +5,7 @@
 #include "support/NtFile.h"
 
 #include <atomic>
+#include <memory>
 
 namespace qv { namespace file {
 
@@ -110,6 +111,31 @@ bool ListedId(const FolderHandle& folder, const wchar_t* name, size_t length, LO
         }
     }
     return false;
+}
+
+LONGLONG IdOf(HANDLE h) {
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!GetFileInformationByHandle(h, &info)) return -1;
+    return static_cast<LONGLONG>((static_cast<ULONGLONG>(info.nFileIndexHigh) << 32) | info.nFileIndexLow);
+}
+
+// True when the folder `child` has `parent` as its parent, by the ".." entry of the child's own
+// listing. Wine 8 builds a listing entry from more than one look-up of its name, so a name flipped
+// between a folder and a link at that moment can be listed with the link target's identity and
+// then opened as that target with every other check agreeing; the target's ".." is elsewhere.
+// (Windows lists and opens the entry itself; its ".." is the parent, and so is a link's.)
+bool SitsIn(HANDLE child, HANDLE parent) {
+    std::unique_ptr<LONGLONG[]> buffer(new LONGLONG[2048]);
+    if (!GetFileInformationByHandleEx(child, FileIdBothDirectoryRestartInfo, buffer.get(), 2048 * sizeof(LONGLONG)))
+        return false;
+    const auto* entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(buffer.get());
+    for (;;) {
+        if (entry->FileNameLength == 2 * sizeof(wchar_t) && entry->FileName[0] == L'.' && entry->FileName[1] == L'.')
+            return entry->FileId.QuadPart == IdOf(parent);
+        if (!entry->NextEntryOffset) return false;
+        entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(reinterpret_cast<const char*>(entry) +
+                                                              entry->NextEntryOffset);
+    }
 }
 
 bool IsReparsePoint(HANDLE h) {
@@ -276,7 +302,8 @@ EntryResult FolderHandle::OpenChild(const wchar_t* name, size_t length, LONGLONG
                              nt::kFileOpen, nt::kDirectoryFile | nt::kOpenReparsePoint, &raw);
     UniqueHFile opened(raw);
     if (error != ERROR_SUCCESS) return IsNotFound(error) ? EntryResult::Absent : EntryResult::Failed;
-    if (!NamesChild(opened.Get(), real, name, length, child.real) || !IsListedEntry(opened.Get(), fileId))
+    if (!NamesChild(opened.Get(), real, name, length, child.real) || !IsListedEntry(opened.Get(), fileId) ||
+        !SitsIn(opened.Get(), handle.Get()))
         return EntryResult::NotFollowed;
     // A caller deleting the child removes a link as a link; any other caller stops at it.
     if (!forDelete && IsReparsePoint(opened.Get())) return EntryResult::NotFollowed;
