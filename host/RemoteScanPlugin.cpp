@@ -1,6 +1,5 @@
 #include "host/RemoteScanPlugin.h"
 
-#include <algorithm>
 #include <memory>
 
 namespace host {
@@ -25,29 +24,9 @@ void RemoteScanPlugin::FailQueries(DWORD code) {
     queryError_ = code;
 }
 
-void RemoteScanPlugin::RefuseRegistration(DWORD code) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    refuseCode_ = code;
-}
-
 RemoteScanPlugin::Counts RemoteScanPlugin::GetCounts() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return counts_;
-}
-
-std::vector<RemoteScanPlugin::RegistrationRecord> RemoteScanPlugin::Registrations() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return registrations_;
-}
-
-std::vector<RemoteScanPlugin::RegistrationRecord> RemoteScanPlugin::Unregistrations() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return unregistrations_;
-}
-
-std::vector<RemoteScanPlugin::IEvents*> RemoteScanPlugin::RegisteredSinks() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return sinks_;
 }
 
 std::vector<RemoteScanPlugin::FireRecord> RemoteScanPlugin::Fires() const {
@@ -87,11 +66,7 @@ DWORD RemoteScanPlugin::RegisterEvents(IEvents* sink, uint32_t reserved) {
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.registers;
-        DWORD result = !sink ? ERROR_INVALID_PARAMETER : refuseCode_;
-        registrations_.push_back(RegistrationRecord{sink, reserved, result});
-        if (result == ERROR_SUCCESS && std::find(sinks_.begin(), sinks_.end(), sink) == sinks_.end())
-            sinks_.push_back(sink);
-        return result;
+        return AddSink(sink, RegistrationRecord{sink, reserved});
     } catch (...) {
         return ERROR_INTERNAL_ERROR;
     }
@@ -102,11 +77,7 @@ DWORD RemoteScanPlugin::UnregisterEvents(IEvents* sink, uint32_t reserved) {
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.unregisters;
-        auto it = std::find(sinks_.begin(), sinks_.end(), sink);
-        DWORD result = it == sinks_.end() ? ERROR_NOT_FOUND : ERROR_SUCCESS;
-        if (it != sinks_.end()) sinks_.erase(it);
-        unregistrations_.push_back(RegistrationRecord{sink, reserved, result});
-        return result;
+        return RemoveSink(sink, RegistrationRecord{sink, reserved});
     } catch (...) {
         return ERROR_INTERNAL_ERROR;
     }
@@ -118,7 +89,7 @@ DWORD RemoteScanPlugin::Fire(DWORD (*call)(IEvents*, bool), bool argument, DWORD
         std::vector<IEvents*> sinks;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            sinks = sinks_;
+            sinks = SinksHeld();
         }
         FireRecord record;
         record.threadId = GetCurrentThreadId();

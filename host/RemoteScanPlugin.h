@@ -3,6 +3,7 @@
 // host, and its three notifications are delivered to the registered sinks on a thread of their own.
 #include "host/ServedPlugin.h"
 #include "host/NotifyThreads.h"
+#include "host/SinkRegistry.h"
 #include "sdk/IRemoteScan.h"
 
 #include <mutex>
@@ -10,8 +11,17 @@
 
 namespace host {
 
-class RemoteScanPlugin : public qv::kxsdk::AntivirusScan::IRemoteScan {
+struct RemoteScanRegistration {
+    qv::kxsdk::AntivirusScan::IRemoteScan::IEvents* sink = nullptr;
+    uint32_t reserved = 0;
+    DWORD result = 0;
+};
+
+class RemoteScanPlugin
+    : public qv::kxsdk::AntivirusScan::IRemoteScan,
+      public SinkRegistry<qv::kxsdk::AntivirusScan::IRemoteScan::IEvents, RemoteScanRegistration> {
 public:
+    using RegistrationRecord = RemoteScanRegistration;
     ServedPlugin served;  // held and handed back by the component manager
     struct Counts {
         int statusQueries = 0;
@@ -20,11 +30,6 @@ public:
         int registers = 0;  // refused ones included
         int unregisters = 0;
         int fires = 0;
-    };
-    struct RegistrationRecord {
-        IEvents* sink = nullptr;
-        uint32_t reserved = 0;
-        DWORD result = 0;
     };
     struct FireRecord {
         DWORD threadId = 0;          // the notification thread
@@ -38,7 +43,6 @@ public:
     void SetServerCount(uint32_t count);
     // The three queries answer with this code (their values are still written); 0 for success.
     void FailQueries(DWORD code);
-    void RefuseRegistration(DWORD code);  // 0 accepts again
 
     // Each tells every registered sink on a new thread and waits up to timeoutMs. Returns the
     // last sink's answer, 1168 with no sink, 258 on a timeout.
@@ -49,9 +53,6 @@ public:
     bool WaitForFires(DWORD timeoutMs) { return threads_.WaitAll(timeoutMs); }
 
     Counts GetCounts() const;
-    std::vector<RegistrationRecord> Registrations() const;
-    std::vector<RegistrationRecord> Unregistrations() const;
-    std::vector<IEvents*> RegisteredSinks() const;
     std::vector<FireRecord> Fires() const;
 
     DWORD GetStatus(bool* enabled) override;
@@ -71,15 +72,11 @@ public:
 private:
     DWORD Fire(DWORD (*call)(IEvents*, bool), bool argument, DWORD timeoutMs);
 
-    mutable std::mutex mutex_;
     bool status_ = false;
     uint32_t fallbackMode_ = NoFallback;
     uint32_t serverCount_ = 0;
     DWORD queryError_ = 0;
-    DWORD refuseCode_ = 0;
     Counts counts_;
-    std::vector<RegistrationRecord> registrations_, unregistrations_;
-    std::vector<IEvents*> sinks_;
     std::vector<FireRecord> fires_;
     NotifyThreads threads_;
 };

@@ -1,7 +1,5 @@
 #include "host/UpdatePlugin.h"
 
-#include <algorithm>
-
 namespace host {
 
 void UpdatePlugin::SetStatistic(const wchar_t* component, const wchar_t* version, int32_t count) {
@@ -51,11 +49,6 @@ void UpdatePlugin::SetRestartResult(DWORD error) {
     restartError_ = error;
 }
 
-void UpdatePlugin::RefuseRegistration(DWORD code) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    refuseCode_ = code;
-}
-
 void UpdatePlugin::SetBeforeDelivery(BeforeDelivery hook) {
     std::lock_guard<std::mutex> lock(mutex_);
     beforeDelivery_ = std::move(hook);
@@ -74,21 +67,6 @@ std::vector<UpdateRequestRecord> UpdatePlugin::Requests() const {
 std::vector<UpdatePlugin::RestartRecord> UpdatePlugin::Restarts() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return restarts_;
-}
-
-std::vector<UpdatePlugin::RegistrationRecord> UpdatePlugin::Registrations() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return registrations_;
-}
-
-std::vector<UpdatePlugin::RegistrationRecord> UpdatePlugin::Unregistrations() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return unregistrations_;
-}
-
-std::vector<UpdatePlugin::IEvents*> UpdatePlugin::RegisteredSinks() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return sinks_;
 }
 
 std::vector<UpdatePlugin::DeliveryRecord> UpdatePlugin::Deliveries() const {
@@ -162,11 +140,7 @@ DWORD UpdatePlugin::RegisterEvents(IEvents* sink, uint32_t reserved, const char*
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.registers;
-        DWORD result = !sink ? ERROR_INVALID_PARAMETER : refuseCode_;
-        registrations_.push_back(RegistrationRecord{sink, reserved, filter ? filter : "", filter == nullptr, result});
-        if (result == ERROR_SUCCESS && std::find(sinks_.begin(), sinks_.end(), sink) == sinks_.end())
-            sinks_.push_back(sink);
-        return result;
+        return AddSink(sink, RegistrationRecord{sink, reserved, filter ? filter : "", filter == nullptr});
     } catch (...) {
         return ERROR_INTERNAL_ERROR;
     }
@@ -177,11 +151,7 @@ DWORD UpdatePlugin::UnregisterEvents(IEvents* sink, uint32_t reserved, const cha
     try {
         std::lock_guard<std::mutex> lock(mutex_);
         ++counts_.unregisters;
-        auto it = std::find(sinks_.begin(), sinks_.end(), sink);
-        DWORD result = it == sinks_.end() ? ERROR_NOT_FOUND : ERROR_SUCCESS;
-        if (it != sinks_.end()) sinks_.erase(it);
-        unregistrations_.push_back(RegistrationRecord{sink, reserved, filter ? filter : "", filter == nullptr, result});
-        return result;
+        return RemoveSink(sink, RegistrationRecord{sink, reserved, filter ? filter : "", filter == nullptr});
     } catch (...) {
         return ERROR_INTERNAL_ERROR;
     }
@@ -208,7 +178,7 @@ std::function<void()> UpdatePlugin::DeliveryJob(const wchar_t* updater, const wc
             // with any plug-in that notifies outside its own lock.
             std::lock_guard<std::mutex> lock(mutex_);
             hook = beforeDelivery_;
-            sinks = sinks_;
+            sinks = SinksHeld();
         }
         if (hook) hook(updater, component, path);
         ComponentInfo info{updater, component, nullptr};

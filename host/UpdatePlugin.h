@@ -4,6 +4,7 @@
 // to the registered sinks on a notification thread of their own.
 #include "host/ServedPlugin.h"
 #include "host/NotifyThreads.h"
+#include "host/SinkRegistry.h"
 #include "host/UpdateRecords.h"
 #include "sdk/IUpdate.h"
 
@@ -16,8 +17,18 @@
 
 namespace host {
 
-class UpdatePlugin : public qv::kxsdk::Update::IUpdate {
+struct UpdateRegistration {
+    qv::kxsdk::Update::IUpdate::IEvents* sink = nullptr;
+    uint32_t reserved = 0;
+    std::string filter;
+    bool nullFilter = false;
+    DWORD result = 0;
+};
+
+class UpdatePlugin : public qv::kxsdk::Update::IUpdate,
+                     public SinkRegistry<qv::kxsdk::Update::IUpdate::IEvents, UpdateRegistration> {
 public:
+    using RegistrationRecord = UpdateRegistration;
     ServedPlugin served;  // held and handed back by the component manager
     struct Counts {
         int statistics = 0;  // GetStatistics calls
@@ -32,13 +43,6 @@ public:
         uint32_t value = 0;
         std::wstring serviceName;
         bool nullName = false;
-    };
-    struct RegistrationRecord {
-        IEvents* sink = nullptr;
-        uint32_t reserved = 0;
-        std::string filter;
-        bool nullFilter = false;
-        DWORD result = 0;
     };
     struct DeliveryRecord {
         std::wstring updater, component, enginesPath;  // "" when null
@@ -66,7 +70,6 @@ public:
 
     void SetStartUpdateResult(DWORD error, uint32_t status);
     void SetRestartResult(DWORD error);
-    void RefuseRegistration(DWORD code);  // 0 accepts again
 
     // Tells every registered sink OnComponentInstalled on a new thread and waits for it.
     // Returns the last sink's answer, 1168 with no sink, 258 when the wait timed out.
@@ -81,9 +84,6 @@ public:
     Counts GetCounts() const;
     std::vector<UpdateRequestRecord> Requests() const;
     std::vector<RestartRecord> Restarts() const;
-    std::vector<RegistrationRecord> Registrations() const;
-    std::vector<RegistrationRecord> Unregistrations() const;
-    std::vector<IEvents*> RegisteredSinks() const;
     std::vector<DeliveryRecord> Deliveries() const;  // finished ones, in finishing order
 
     DWORD GetStatistics(Statistics* statistics) override;
@@ -115,7 +115,6 @@ private:
     std::function<void()> DeliveryJob(const wchar_t* updater, const wchar_t* component,
                                       const wchar_t* enginesPath, std::shared_ptr<DWORD> result);
 
-    mutable std::mutex mutex_;
     std::map<std::wstring, Statistic> statistics_;
     uint64_t lastUpdateTime_ = 0;
     uint32_t lastResult_ = 0;
@@ -125,13 +124,10 @@ private:
     DWORD startError_ = 0;
     uint32_t startStatus_ = 0;
     DWORD restartError_ = 0;
-    DWORD refuseCode_ = 0;
     BeforeDelivery beforeDelivery_;
     Counts counts_;
     std::vector<UpdateRequestRecord> requests_;
     std::vector<RestartRecord> restarts_;
-    std::vector<RegistrationRecord> registrations_, unregistrations_;
-    std::vector<IEvents*> sinks_;
     std::vector<DeliveryRecord> deliveries_;
     NotifyThreads threads_;  // last: its threads are waited for before the state above goes
 };
