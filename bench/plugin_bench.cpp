@@ -289,26 +289,8 @@ bool BuildTree(const std::wstring& parent, int folders = kFolders) {
     return true;
 }
 
-// The bare walk: FindFirstFileW / DeleteFileW / RemoveDirectoryW, nothing else.
-void PlainDelete(const std::wstring& folder) {
-    WIN32_FIND_DATAW entry;
-    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
-    if (find != INVALID_HANDLE_VALUE) {
-        do {
-            const wchar_t* name = entry.cFileName;
-            if (!wcscmp(name, L".") || !wcscmp(name, L"..")) continue;
-            const std::wstring full = folder + L"\\" + name;
-            if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                PlainDelete(full);
-            else
-                DeleteFileW(full.c_str());
-        } while (FindNextFileW(find, &entry));
-        FindClose(find);
-    }
-    RemoveDirectoryW(folder.c_str());
-}
-
-// The same clean as the plug-in's: every entry of the parent but the kept folder.
+// The same clean as the plug-in's: every entry of the parent but the kept folder, each folder
+// removed by the bare walk (FindFirstFileW / DeleteFileW / RemoveDirectoryW, nothing else).
 void PlainClean(const std::wstring& parent, const wchar_t* keep) {
     WIN32_FIND_DATAW entry;
     HANDLE find = FindFirstFileW((parent + L"\\*").c_str(), &entry);
@@ -318,7 +300,7 @@ void PlainClean(const std::wstring& parent, const wchar_t* keep) {
         if (!wcscmp(name, L".") || !wcscmp(name, L"..") || !_wcsicmp(name, keep)) continue;
         const std::wstring full = parent + L"\\" + name;
         if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-            PlainDelete(full);
+            RemoveTree(full);
         else
             DeleteFileW(full.c_str());
     } while (FindNextFileW(find, &entry));

@@ -3,6 +3,7 @@
 // by number. The host's sibling plug-ins come from host/ (host::HostEnvironment).
 #include "host/HostEnvironment.h"
 #include "host/PluginLibrary.h"
+#include "host/RemoveTree.h"
 #include "sdk/IAntivirusScan.h"
 #include "sdk/PluginIds.h"
 
@@ -12,13 +13,12 @@ namespace bench {
 
 using host::CallSlot;
 using host::ExeFolder;
+using host::RemoveTree;
 
 using namespace host::slots;
 
 // A fresh folder under the temporary folder; removed by RemoveTree.
 inline std::wstring FreshFolder(const wchar_t* tag) { return host::FreshFolder(L"avbench-", tag); }
-// Plain recursive removal, for the benchmark's own clean-up.
-void RemoveTree(const std::wstring& path);
 
 class PluginModule {
 public:

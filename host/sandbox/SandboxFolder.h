@@ -7,6 +7,7 @@
 //   <root>\temp\scansp        core temp folder ("scansp", category 17); its siblings are leftovers
 //   <root>\kits\<name>        engines kits that the update plug-in installs
 //   <root>\host\              settings file, telemetry lines and log of the host (not tracked)
+#include "host/RemoveTree.h"
 #include "host/sandbox/Scenario.h"
 
 #include <map>
@@ -48,7 +49,7 @@ bool WriteFileText(const std::wstring& path, const std::string& bytes);
 bool ReadFileText(const std::wstring& path, std::string& bytes);
 // Copies every file under `from` into `to`, replacing files of the same name.
 bool CopyTree(const std::wstring& from, const std::wstring& to, std::vector<std::wstring>& copied, std::string& error);
-bool RemoveTree(const std::wstring& folder);
+using host::RemoveTree;
 bool FileExists(const std::wstring& path);
 bool FileSize(const std::wstring& path, uint64_t& size);
 
