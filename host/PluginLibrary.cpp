@@ -27,7 +27,10 @@ PluginLibrary::PluginLibrary() : PluginLibrary(ExeFolder() + L"\\AntivirusScan.A
 
 PluginLibrary::PluginLibrary(const std::wstring& path) {
     module_ = LoadLibraryW(path.c_str());
-    if (!module_) return;
+    if (!module_) {
+        loadError_ = GetLastError();
+        return;
+    }
     create = reinterpret_cast<CreateFn>(reinterpret_cast<void*>(GetProcAddress(module_, "QvCreateObject")));
     destroy = reinterpret_cast<DestroyFn>(reinterpret_cast<void*>(GetProcAddress(module_, "QvDestroyObject")));
 }

@@ -43,6 +43,9 @@ public:
     PluginLibrary& operator=(const PluginLibrary&) = delete;
 
     bool Loaded() const { return module_ && create && destroy; }
+    // GetLastError of a LoadLibraryW that failed; 0 when the module loaded (its exports may
+    // still be missing).
+    DWORD LoadError() const { return loadError_; }
     void Unload();
     DWORD Create(const GUID& id, void** out, const wchar_t* name = qv::kxsdk::ids::kAntivirusScanObjectName) {
         return create(name, id, out);
@@ -55,6 +58,7 @@ public:
 
 private:
     HMODULE module_ = nullptr;
+    DWORD loadError_ = 0;
 };
 
 } // namespace host

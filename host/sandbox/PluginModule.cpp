@@ -10,14 +10,13 @@ namespace ids = qv::kxsdk::ids;
 bool PluginModule::Load(const std::wstring& path, std::string& error) {
     Unload();
     path_ = path;
-    module_ = LoadLibraryW(path.c_str());
-    if (!module_) {
-        error = "cannot load " + Utf8(path) + " [error = " + std::to_string(GetLastError()) + "]";
+    library_ = std::make_unique<host::PluginLibrary>(path);
+    if (library_->LoadError()) {
+        error = "cannot load " + Utf8(path) + " [error = " + std::to_string(library_->LoadError()) + "]";
+        library_.reset();
         return false;
     }
-    create_ = reinterpret_cast<CreateFn>(reinterpret_cast<void*>(GetProcAddress(module_, "QvCreateObject")));
-    destroy_ = reinterpret_cast<DestroyFn>(reinterpret_cast<void*>(GetProcAddress(module_, "QvDestroyObject")));
-    if (!create_ || !destroy_) {
+    if (!library_->Loaded()) {
         error = Utf8(path) + " lacks QvCreateObject or QvDestroyObject";
         Unload();
         return false;
@@ -27,7 +26,7 @@ bool PluginModule::Load(const std::wstring& path, std::string& error) {
 
 bool PluginModule::Create(std::string& error) {
     void* primary = nullptr;
-    const DWORD result = create_(ids::kAntivirusScanObjectName, ids::kPrimaryFaceId, &primary);
+    const DWORD result = library_->Create(ids::kPrimaryFaceId, &primary);
     if (result != 0 || !primary) {
         error = "QvCreateObject(\"AntivirusScan\") failed: " + CodeText(result);
         return false;
@@ -43,17 +42,14 @@ bool PluginModule::Create(std::string& error) {
 }
 
 void PluginModule::Destroy() {
-    if (lifecycle_ && destroy_) destroy_(ids::kAntivirusScanObjectName, lifecycle_);
+    if (lifecycle_ && library_ && library_->Loaded()) library_->Destroy(lifecycle_);
     lifecycle_ = nullptr;
     scan_ = nullptr;
 }
 
 void PluginModule::Unload() {
     Destroy();
-    if (module_) FreeLibrary(module_);
-    module_ = nullptr;
-    create_ = nullptr;
-    destroy_ = nullptr;
+    library_.reset();
 }
 
 } // namespace sandbox
