@@ -41,69 +41,19 @@ std::vector<SinkEvent> SinkRecorder::Drain() {
     return events;
 }
 
-void SinkRecorder::Record(const char* sink, const char* event, Json::Value args) {
+void SinkRecorder::Record(const host::ScanEvent& event) {
+    Json::Value args = event.args;
+    if (std::string(event.face) == "engines") args[0] = Path(event.text);  // shown below the root
     std::lock_guard<std::mutex> lock(mutex_);
-    pending_.push_back(SinkEvent{sink, event, std::move(args)});
+    pending_.push_back(SinkEvent{event.face, event.name, std::move(args)});
 }
 
-std::string SinkRecorder::Path(const qv::StringW& path) const {
-    std::wstring p = path.c_str();
+std::string SinkRecorder::Path(const std::wstring& path) const {
+    std::wstring p = path;
     if (!root_.empty() && p.size() > root_.size() && _wcsnicmp(p.c_str(), root_.c_str(), root_.size()) == 0 &&
         p[root_.size()] == L'\\')
         p = p.substr(root_.size() + 1);
     return Utf8(p);
-}
-
-int SinkRecorder::OnReloadStarted(const qv::StringW& enginesPath) {
-    Json::Value args(Json::arrayValue);
-    args.append(Path(enginesPath));
-    Record("engines", "OnReloadStarted", args);
-    return 0;
-}
-
-int SinkRecorder::OnReloadEnded(const qv::StringW& enginesPath, int error) {
-    Json::Value args(Json::arrayValue);
-    args.append(Path(enginesPath));
-    args.append(error);
-    Record("engines", "OnReloadEnded", args);
-    return 0;
-}
-
-int SinkRecorder::OnScanModesChanged(ScanMode primary, ScanMode fallback) {
-    Json::Value args(Json::arrayValue);
-    args.append(static_cast<unsigned>(primary));
-    args.append(static_cast<unsigned>(fallback));
-    Record("scan", "OnScanModesChanged", args);
-    return 0;
-}
-
-int SinkRecorder::OnBackupStatusChanged(bool enabled) {
-    Json::Value args(Json::arrayValue);
-    args.append(enabled);
-    Record("settings", "OnBackupStatusChanged", args);
-    return 0;
-}
-
-int SinkRecorder::OnFeatureStatusChanged(const qv::StringW& feature, bool isLocked) {
-    Json::Value args(Json::arrayValue);
-    args.append(Utf8(feature.c_str()));
-    args.append(isLocked);
-    Record("settings", "OnFeatureStatusChanged", args);
-    return 0;
-}
-
-int SinkRecorder::OnHashChainSettingsChanged(const HashChainSettings& settings) {
-    Json::Value args(Json::arrayValue);
-    args.append(settings.enabled);
-    Record("settings", "OnHashChainSettingsChanged", args);
-    return 0;
-}
-
-int SinkRecorder::OnSignatureInfoReportingChanged(bool enabled) {
-    Json::Value args(Json::arrayValue);
-    args.append(enabled);
-    Record("settings", "OnSignatureInfoReportingChanged", args);
-    return 0;
 }
 
 } // namespace sandbox

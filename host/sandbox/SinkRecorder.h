@@ -2,6 +2,7 @@
 // The sinks a sibling plug-in would register on IAntivirusScan: engines, scan and settings
 // events. Every event is recorded with its arguments; events arrive on the plug-in's callers'
 // and the notification threads.
+#include "host/ScanEventSinks.h"
 #include "sdk/IAntivirusScan.h"
 
 #include <json/json.h>
@@ -19,12 +20,9 @@ struct SinkEvent {
     std::string Text() const;  // "OnReloadEnded(\"...\", 0)"
 };
 
-class SinkRecorder : public qv::kxsdk::AntivirusScan::IAntivirusScan::IEnginesEvents,
-                     public qv::kxsdk::AntivirusScan::IAntivirusScan::IScanEvents,
-                     public qv::kxsdk::AntivirusScan::IAntivirusScan::ISettingsEvents {
+class SinkRecorder : public host::ScanEventSinks {
 public:
-    using ScanMode = qv::kxsdk::AntivirusScan::ScanMode;
-    using HashChainSettings = qv::kxsdk::AntivirusScan::HashChainSettings;
+    SinkRecorder() : ScanEventSinks([this](const host::ScanEvent& event) { Record(event); }, 0) {}
 
     // Registers all three on the face; returns false (and unregisters what was registered) when
     // one registration was refused; the answers are in the message.
@@ -35,20 +33,12 @@ public:
     // Events received since the last call.
     std::vector<SinkEvent> Drain();
 
-    int OnReloadStarted(const qv::StringW& enginesPath) override;
-    int OnReloadEnded(const qv::StringW& enginesPath, int error) override;
-    int OnScanModesChanged(ScanMode primary, ScanMode fallback) override;
-    int OnBackupStatusChanged(bool enabled) override;
-    int OnFeatureStatusChanged(const qv::StringW& feature, bool isLocked) override;
-    int OnHashChainSettingsChanged(const HashChainSettings& settings) override;
-    int OnSignatureInfoReportingChanged(bool enabled) override;
-
     // Paths in events are shown relative to this folder.
     void SetRoot(const std::wstring& root) { root_ = root; }
 
 private:
-    void Record(const char* sink, const char* event, Json::Value args);
-    std::string Path(const qv::StringW& path) const;
+    void Record(const host::ScanEvent& event);
+    std::string Path(const std::wstring& path) const;
 
     std::mutex mutex_;
     std::vector<SinkEvent> pending_;

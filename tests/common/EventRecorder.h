@@ -2,6 +2,7 @@
 // One sink object with all three IAntivirusScan event faces, recording each notification as a
 // short line ("modes=2,4", "backup=1", "feature=Name,0", ...), prefixed with "name:" when the
 // recorder has a name, so that several recorders can share one journal and show their order.
+#include "host/ScanEventSinks.h"
 #include "sdk/IAntivirusScan.h"
 
 #include <windows.h>
@@ -9,6 +10,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace testing_support {
@@ -32,48 +34,49 @@ private:
     std::vector<std::string> entries_;
 };
 
-class EventRecorder : public qv::kxsdk::AntivirusScan::IAntivirusScan::IEnginesEvents,
-                      public qv::kxsdk::AntivirusScan::IAntivirusScan::IScanEvents,
-                      public qv::kxsdk::AntivirusScan::IAntivirusScan::ISettingsEvents {
+class EventRecorder : public host::ScanEventSinks {
 public:
-    using ScanMode = qv::kxsdk::AntivirusScan::ScanMode;
     using IAntivirusScan = qv::kxsdk::AntivirusScan::IAntivirusScan;
 
+    // Answers 1627 to every notification: the plug-in ignores what sinks answer.
     explicit EventRecorder(EventJournal* shared = nullptr, std::string name = "")
-        : journal_(shared ? shared : &own_), name_(name.empty() ? "" : name + ":") {}
-
-    int OnReloadStarted(const qv::StringW&) override { return Note("reloadStarted"); }
-    int OnReloadEnded(const qv::StringW&, int) override { return Note("reloadEnded"); }
-    int OnScanModesChanged(ScanMode primary, ScanMode fallback) override {
-        scanThread = GetCurrentThreadId();
-        return Note("modes=" + std::to_string(primary) + "," + std::to_string(fallback));
-    }
-    int OnBackupStatusChanged(bool on) override { return Note(std::string("backup=") + Bit(on)); }
-    int OnFeatureStatusChanged(const qv::StringW& feature, bool locked) override {
-        std::string name;
-        for (const wchar_t* c = feature.c_str(); *c; ++c) name += static_cast<char>(*c);
-        return Note("feature=" + name + "," + Bit(locked));
-    }
-    int OnHashChainSettingsChanged(const qv::kxsdk::AntivirusScan::HashChainSettings& s) override {
-        return Note(std::string("hashChain=") + Bit(s.enabled));
-    }
-    int OnSignatureInfoReportingChanged(bool on) override { return Note(std::string("signatureInfo=") + Bit(on)); }
+        : ScanEventSinks([this](const host::ScanEvent& event) { Note(event); }, 1627),
+          journal_(shared ? shared : &own_), name_(name.empty() ? "" : name + ":") {}
 
     std::vector<std::string> Take() { return journal_->Take(); }
-
-    IEnginesEvents* Engines() { return this; }
-    IScanEvents* Scan() { return this; }
-    ISettingsEvents* Settings() { return this; }
 
     std::function<void()> during;     // runs inside each notification, after it is recorded
     volatile DWORD scanThread = 0;    // thread of the last scan-modes notification
 
 private:
-    static const char* Bit(bool b) { return b ? "1" : "0"; }
-    int Note(const std::string& what) {
-        journal_->Add(name_ + what);
+    // "reloadStarted", "modes=2,4", "feature=Name,0": the arguments after the label, flags as 1
+    // or 0; the reload notifications are shown without theirs.
+    static std::string Line(const host::ScanEvent& event) {
+        static const std::pair<const char*, const char*> labels[] = {
+            {"OnReloadStarted", "reloadStarted"},    {"OnReloadEnded", "reloadEnded"},
+            {"OnScanModesChanged", "modes"},         {"OnBackupStatusChanged", "backup"},
+            {"OnFeatureStatusChanged", "feature"},   {"OnHashChainSettingsChanged", "hashChain"},
+            {"OnSignatureInfoReportingChanged", "signatureInfo"}};
+        std::string line = event.name;
+        for (const auto& label : labels)
+            if (line == label.first) line = label.second;
+        if (std::string(event.face) == "engines") return line;
+        for (Json::ArrayIndex i = 0; i < event.args.size(); ++i) {
+            const Json::Value& arg = event.args[i];
+            line += i ? "," : "=";
+            if (arg.isBool())
+                line += arg.asBool() ? "1" : "0";
+            else if (arg.isString())
+                for (wchar_t c : event.text) line += static_cast<char>(c);
+            else
+                line += arg.asString();
+        }
+        return line;
+    }
+    void Note(const host::ScanEvent& event) {
+        if (std::string(event.face) == "scan") scanThread = GetCurrentThreadId();
+        journal_->Add(name_ + Line(event));
         if (during) during();
-        return 1627;  // the plug-in ignores what sinks answer
     }
     EventJournal own_;
     EventJournal* journal_;
