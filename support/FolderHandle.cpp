@@ -125,10 +125,10 @@ LONGLONG IdOf(HANDLE h) {
 // then opened as that target with every other check agreeing; the target's ".." is elsewhere.
 // (Windows lists and opens the entry itself; its ".." is the parent, and so is a link's.)
 bool SitsIn(HANDLE child, HANDLE parent) {
-    std::unique_ptr<LONGLONG[]> buffer(new LONGLONG[2048]);
-    if (!GetFileInformationByHandleEx(child, FileIdBothDirectoryRestartInfo, buffer.get(), 2048 * sizeof(LONGLONG)))
-        return false;
-    const auto* entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(buffer.get());
+    // "." and ".." come first: a batch of a few entries is enough.
+    LONGLONG buffer[128];
+    if (!GetFileInformationByHandleEx(child, FileIdBothDirectoryRestartInfo, buffer, sizeof buffer)) return false;
+    const auto* entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(buffer);
     for (;;) {
         if (entry->FileNameLength == 2 * sizeof(wchar_t) && entry->FileName[0] == L'.' && entry->FileName[1] == L'.')
             return entry->FileId.QuadPart == IdOf(parent);
