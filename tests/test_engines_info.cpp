@@ -50,15 +50,15 @@ TEST_F(EnginesInfo, UpdateFileGivesTheLastWordOfLinesTwoAndFour) {
     };
     const Case cases[] = {
         {"[Kit]\nSignatures count: 123456\n  Built  \nVersion 13.1.0.777 \n", L"13.1.0.777", 123456},
-        {"x\ncount=42\nz\n7.7\n", L"7.7", 0},           // no blank: the whole line is the word
-        {"x\nCount\t99\nz\nv\t8.8\n", L"v\t8.8", 0},     // a tab separates nothing
+        {"x\ncount=42\nz\n7.7\n", L"7.7", 0},        // no blank: the whole line is the word
+        {"x\nCount\t99\nz\nv\t8.8\n", L"v\t8.8", 0}, // a tab separates nothing
         {"x\nCount 512abc\nz\nVersion 1.0\n", L"1.0", 512},
         {"x\nCount 3\nz\nVersion 4.4\nCount 9\nVersion 9.9\n", L"4.4", 3},
-        {"x\nCount 5\nz\nVersion 5.5", L"5.5", 5},       // no final line feed
+        {"x\nCount 5\nz\nVersion 5.5", L"5.5", 5}, // no final line feed
         {"[Kit]\r\nSignatures 77\r\nDate\r\nVersion 2.0.1\r\n", L"2.0.1\r", 77},
-        {"x\nCount\t 7\t\nz\nV 1 \t\n", L"1", 7},       // trailing blanks and tabs go first
-        {"x\nCount 6\nz\n\n", L"", 6},                  // an empty fourth line is still a line
-        {"[Kit]\nSignatures 77\nDate\n", L"", 0},        // three lines give nothing
+        {"x\nCount\t 7\t\nz\nV 1 \t\n", L"1", 7}, // trailing blanks and tabs go first
+        {"x\nCount 6\nz\n\n", L"", 6},            // an empty fourth line is still a line
+        {"[Kit]\nSignatures 77\nDate\n", L"", 0}, // three lines give nothing
     };
     ASSERT_EQ(0u, plugin.Init());
     for (const Case& c : cases) {
@@ -89,16 +89,18 @@ TEST_F(EnginesInfo, LargeUpdateFilesAreReadOnlyAsFarAsTheFourthLine) {
     const size_t mib = 1u << 20;
     struct Case {
         std::string what;
-        std::function<std::string()> file;  // made when its turn comes: some are 64 MiB
+        std::function<std::string()> file; // made when its turn comes: some are 64 MiB
         bool read;
     };
     std::vector<Case> cases;
     for (size_t size : {12 * mib, 64 * mib}) {
         const std::string tag = std::to_string(size / mib) + " MiB, ";
-        cases.push_back({tag + "four short lines first", [=] { return head + std::string(size - head.size(), 'x'); }, true});
-        cases.push_back({tag + "line 1 over-long",
-                         [=] { return std::string(size - head.size(), 'x') + head.substr(5); }, false});
-        cases.push_back({tag + "line 2 without end", [=] { return head.substr(0, 6) + std::string(size, 'x'); }, false});
+        cases.push_back(
+            {tag + "four short lines first", [=] { return head + std::string(size - head.size(), 'x'); }, true});
+        cases.push_back(
+            {tag + "line 1 over-long", [=] { return std::string(size - head.size(), 'x') + head.substr(5); }, false});
+        cases.push_back(
+            {tag + "line 2 without end", [=] { return head.substr(0, 6) + std::string(size, 'x'); }, false});
     }
     // The limit itself: four lines of exactly 1 MiB; a byte more; the same without the final feed.
     const std::string exact = std::string(mib - head.size() + 5, 'x') + head.substr(5);
@@ -117,7 +119,7 @@ TEST_F(EnginesInfo, LargeUpdateFilesAreReadOnlyAsFarAsTheFourthLine) {
         EXPECT_EQ(c.read ? 4321u : 0u, count);
         // Each of the three computations (start-up and the two getters) tries the file again.
         EXPECT_EQ(c.read ? 0 : 3, CountOf(tooLong));
-        if (!c.read) EXPECT_TRUE(LineWith(tooLong, 4));
+        EXPECT_EQ(!c.read, LineWith(tooLong, 4));
     }
 }
 

@@ -32,7 +32,7 @@ protected:
         ASSERT_TRUE(plugin.StartAll());
         avhost::ClearCapturedLines();
     }
-    void TearDown() override { plugin.StopAll(); }  // nothing may call a sink once it is gone
+    void TearDown() override { plugin.StopAll(); } // nothing may call a sink once it is gone
 
     // Register (slots 0-2) or unregister (slots 3-5) the sink's face of that container.
     DWORD Slot(bool add, Kind kind, void* face) {
@@ -52,7 +52,7 @@ protected:
         Entries expected;
         if (kind == Kind::Engines) {
             result = EndIfStuck(plugin.env.update.DeliverComponentInstalled(L"updater", L"Antivirus",
-                                                                           enginesPath.c_str(), kFireTimeoutMs));
+                                                                            enginesPath.c_str(), kFireTimeoutMs));
             for (const auto& s : sinks) expected.push_back(s + ":reloadStarted");
             for (const auto& s : sinks) expected.push_back(s + ":reloadEnded");
         } else if (kind == Kind::Scan) {
@@ -79,7 +79,7 @@ protected:
     std::wstring enginesPath;
     uint32_t fallback = 1;
     bool backup = false;
-    DWORD result = 0;  // of the last notifying call
+    DWORD result = 0; // of the last notifying call
     EventJournal journal;
 };
 
@@ -125,7 +125,7 @@ TEST_F(PluginSinks, OrderIsKeptWhenTheMiddleOneLeaves) {
 // gives the container's lock back, so that the sink can leave and the next notification reaches
 // the others.
 TEST_F(PluginSinks, ThrowingSinkIsFencedAndTheContainerStaysUsable) {
-    enum class Throw { Exception, OutOfMemory, Foreign };  // foreign: not a std::exception at all
+    enum class Throw { Exception, OutOfMemory, Foreign }; // foreign: not a std::exception at all
     for (Kind kind : kKinds) {
         for (Throw how : {Throw::Exception, Throw::OutOfMemory, Throw::Foreign}) {
             SCOPED_TRACE(std::to_string(static_cast<int>(kind)) + " " + std::to_string(static_cast<int>(how)));
@@ -141,7 +141,7 @@ TEST_F(PluginSinks, ThrowingSinkIsFencedAndTheContainerStaysUsable) {
             Notify(kind, {});
             const bool memory = how == Throw::OutOfMemory;
             EXPECT_TRUE(result == 0 || result == (memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNAL_ERROR)) << result;
-            EXPECT_TRUE(memory                 ? LineWith(L"out of memory", 4)
+            EXPECT_TRUE(memory                  ? LineWith(L"out of memory", 4)
                         : how == Throw::Foreign ? LineWith(L"unexpected exception", 4)
                                                 : LineWith(L"unexpected exception [what = sink]", 4));
             journal.Take();
@@ -183,7 +183,9 @@ TEST_F(PluginSinks, SinksMayAskTheGettersFromTheirNotification) {
         ExpectTold(kind, {"a"});
         EXPECT_TRUE(otherFinished) << "a getter waited for the notification";
         EXPECT_EQ(std::vector<DWORD>(kind == Kind::Engines ? 16 : 8, 0u), results);
-        if (kind == Kind::Settings) EXPECT_TRUE(seen[0] == backup && seen[1] == backup) << "told before the record changed";
+        if (kind == Kind::Settings) {
+            EXPECT_TRUE(seen[0] == backup && seen[1] == backup) << "told before the record changed";
+        }
         if (kind == Kind::Scan) {
             for (auto& pair : pairs) {
                 EXPECT_EQ(ScanMode::ScanModeRemoteLight, pair[0]);
@@ -212,7 +214,8 @@ TEST_F(PluginSinks, RegistrationWaitsForARunningNotification) {
         fallback = fallback == 1 ? 2 : 1;
         plugin.env.remoteScan.SetFallbackMode(fallback);
         DWORD fired = 1, changed = 1;
-        qvtest::TestThread notifier([&] { fired = EndIfStuck(plugin.env.remoteScan.FireScanModeChanged(kFireTimeoutMs)); });
+        qvtest::TestThread notifier(
+            [&] { fired = EndIfStuck(plugin.env.remoteScan.FireScanModeChanged(kFireTimeoutMs)); });
         ASSERT_TRUE(inside.Wait(qvtest::kProceedMs));
         qvtest::Signal done;
         BlockWatch watch(GetModuleHandleW(L"AntivirusScan.AL"));

@@ -152,15 +152,15 @@ Json::Value Nested(int depth, bool arrays) {
 // takes its default, the others load, and nothing else happens.
 TEST_F(Settings, ValuesOfTheWrongShapeTakeTheirDefaults) {
     struct Case {
-        std::string key;  // "engines/..." is nested
+        std::string key; // "engines/..." is nested
         Json::Value value;
         Observed expected;
-        int replaced = -1;  // >= 0: the folder only starts with expected.folder, with or without U+FFFD
+        int replaced = -1; // >= 0: the folder only starts with expected.folder, with or without U+FFFD
     };
     Json::Value object(Json::objectValue), boolArray(Json::arrayValue), emptyEnabled(Json::objectValue);
     object["enabled"] = true;
     boolArray.append(true);
-    emptyEnabled["Enabled"] = true;  // names are exact
+    emptyEnabled["Enabled"] = true; // names are exact
     const Json::Value number(7), real(1.0), text("true"), array(Json::arrayValue), null, yes(true);
     const Json::Value deepObject = Nested(500, false), deepArray = Nested(500, true);
     Json::Value deepSibling = object, enabledOne = object;
@@ -182,18 +182,21 @@ TEST_F(Settings, ValuesOfTheWrongShapeTakeTheirDefaults) {
     }
     for (const Json::Value& v : {number, real, text, array, boolArray, null, yes, emptyEnabled, deepObject, deepArray})
         cases.push_back({"reportHashChain", v, with(kGood, 1)});
-    for (const Json::Value& v : {real, text, array, object, null, yes, Json::Value(-1), Json::Value(Json::UInt64(1) << 32)})
+    for (const Json::Value& v :
+         {real, text, array, object, null, yes, Json::Value(-1), Json::Value(Json::UInt64(1) << 32)})
         cases.push_back({"engines/reloadStatus", v, with(kGood, 3)});
     for (const Json::Value& v : {number, real, array, object, null, yes})
         cases.push_back({"engines/folder", v, with(kGood, 4)});
-    for (const Json::Value& v : {number, text, array, null, yes, deepArray}) cases.push_back({"engines", v, with(kGood, 5)});
+    for (const Json::Value& v : {number, text, array, null, yes, deepArray})
+        cases.push_back({"engines", v, with(kGood, 5)});
     cases.push_back({"enableBackup", deepObject, with(kGood, 0)});
     cases.push_back({"reportHashChain", deepSibling, kGood});
     cases.push_back({"reportHashChain", enabledOne, kGood});
     // Malformed UTF-8 shows as replacement characters (checked below); an embedded NUL does not.
     Observed eng = kGood;
     eng.folder = L"C:\\Eng";
-    for (const char* bytes : {"C:\\Eng\xff\xfeines", "C:\\Eng\xc3", "C:\\Eng\xed\xa0\x80ines", "C:\\Eng\xe0\x80\xafines"})
+    for (const char* bytes :
+         {"C:\\Eng\xff\xfeines", "C:\\Eng\xc3", "C:\\Eng\xed\xa0\x80ines", "C:\\Eng\xe0\x80\xafines"})
         cases.push_back({"engines/folder", Json::Value(bytes), eng, true});
     cases.push_back({"engines/folder", Json::Value("C:\\Eng\0ines", "C:\\Eng\0ines" + 11), eng, false});
 
@@ -234,7 +237,7 @@ TEST_F(Settings, DeeplyNestedDocumentsOnAHostThreadStack) {
         bool stored, hashChain;
     };
     // The document's root, the section and "reportHashChain" are three levels above the member.
-    const Case cases[] = {{256, true, true}, {257, true, false}, {996, true, false},
+    const Case cases[] = {{256, true, true},   {257, true, false},    {996, true, false},
                           {997, false, false}, {10000, false, false}, {100000, false, false}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.levels);
@@ -249,7 +252,7 @@ TEST_F(Settings, DeeplyNestedDocumentsOnAHostThreadStack) {
         EXPECT_EQ(c.stored, BackupOf(plugin.scan)) << "the other keys load as usual";
         EXPECT_EQ(c.hashChain, HashChainOf(plugin.scan));
         EXPECT_FALSE(avhost::Contains(L"nesting too deep")) << "an ill-typed key takes its default silently";
-        if (!c.stored) EXPECT_TRUE(LineWith(L"[backup = 0]", 32));
+        EXPECT_EQ(!c.stored, LineWith(L"[backup = 0]", 32));
         EXPECT_FALSE(avhost::Contains(L"Cannot load settings."));
         EXPECT_EQ(0, store().Outstanding());
         ASSERT_EQ(0u, plugin.UnInit());
