@@ -61,18 +61,42 @@ bool MixedCalls(PluginModule& module, const Installation& installation, int call
     for (int i = 0; ok && i < calls;) {
         const qv::StringW* feature = &features[static_cast<size_t>(i) % features.size()];
         switch (i % 12) {
-        case 0: CallSlot<DWORD>(scan, kGetScanType, &type); break;
-        case 1: CallSlot<DWORD>(scan, kGetScanModes, &p, &f); break;
-        case 2: CallSlot<DWORD>(scan, kIsBackupEnabled, &flag); break;
-        case 3: CallSlot<DWORD>(scan, kGetFeatureStatus, feature, &flag); break;
-        case 4: CallSlot<DWORD>(scan, kGetHashChainSettings, &hashChain); break;
-        case 5: CallSlot<DWORD>(scan, kIsSignatureInfoReported, &flag); break;
-        case 6: CallSlot<DWORD>(scan, kGetEnginesVersion, &version); break;
-        case 7: CallSlot<DWORD>(scan, kGetSignaturesCount, &count); break;
-        case 8: CallSlot<DWORD>(scan, 1, static_cast<IAntivirusScan::IScanEvents*>(&scanSink)); break;
-        case 9: CallSlot<DWORD>(scan, 4, static_cast<IAntivirusScan::IScanEvents*>(&scanSink)); break;
-        case 10: CallSlot<DWORD>(scan, kEnableBackup, (i / 12) % 2 == 0); break;
-        default: CallSlot<DWORD>(scan, kSetFeatureStatus, feature, (i / 12) % 3 == 0); break;
+        case 0:
+            CallSlot<DWORD>(scan, kGetScanType, &type);
+            break;
+        case 1:
+            CallSlot<DWORD>(scan, kGetScanModes, &p, &f);
+            break;
+        case 2:
+            CallSlot<DWORD>(scan, kIsBackupEnabled, &flag);
+            break;
+        case 3:
+            CallSlot<DWORD>(scan, kGetFeatureStatus, feature, &flag);
+            break;
+        case 4:
+            CallSlot<DWORD>(scan, kGetHashChainSettings, &hashChain);
+            break;
+        case 5:
+            CallSlot<DWORD>(scan, kIsSignatureInfoReported, &flag);
+            break;
+        case 6:
+            CallSlot<DWORD>(scan, kGetEnginesVersion, &version);
+            break;
+        case 7:
+            CallSlot<DWORD>(scan, kGetSignaturesCount, &count);
+            break;
+        case 8:
+            CallSlot<DWORD>(scan, 1, static_cast<IAntivirusScan::IScanEvents*>(&scanSink));
+            break;
+        case 9:
+            CallSlot<DWORD>(scan, 4, static_cast<IAntivirusScan::IScanEvents*>(&scanSink));
+            break;
+        case 10:
+            CallSlot<DWORD>(scan, kEnableBackup, (i / 12) % 2 == 0);
+            break;
+        default:
+            CallSlot<DWORD>(scan, kSetFeatureStatus, feature, (i / 12) % 3 == 0);
+            break;
         }
         ++i;
     }

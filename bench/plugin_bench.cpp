@@ -90,24 +90,32 @@ void QueryRows(StartedPlugin& plugin) {
     ScanMode p, f;
     bool b;
 
-    Comparison modes = Compare([&] { q.GetScanModes(p, f); Keep(p); },
-                               [&] {
-                                   EnterCriticalSection(&cs);
-                                   p = storedPrimary;
-                                   f = storedFallback;
-                                   LeaveCriticalSection(&cs);
-                                   Keep(p);
-                               });
+    Comparison modes = Compare(
+        [&] {
+            q.GetScanModes(p, f);
+            Keep(p);
+        },
+        [&] {
+            EnterCriticalSection(&cs);
+            p = storedPrimary;
+            f = storedFallback;
+            LeaveCriticalSection(&cs);
+            Keep(p);
+        });
     Emit(RatioRow("GetScanModes through its slot, one thread", modes, 1.5,
                   "Baseline: EnterCriticalSection/LeaveCriticalSection around copying the two modes."));
 
-    Comparison backup = Compare([&] { q.IsBackupEnabled(b); Keep(b); },
-                                [&] {
-                                    EnterCriticalSection(&cs);
-                                    b = storedFlag;
-                                    LeaveCriticalSection(&cs);
-                                    Keep(b);
-                                });
+    Comparison backup = Compare(
+        [&] {
+            q.IsBackupEnabled(b);
+            Keep(b);
+        },
+        [&] {
+            EnterCriticalSection(&cs);
+            b = storedFlag;
+            LeaveCriticalSection(&cs);
+            Keep(b);
+        });
     Emit(RatioRow("IsBackupEnabled through its slot, one thread", backup, 1.5,
                   "Baseline: the critical-section pair around copying one flag."));
 
@@ -117,7 +125,12 @@ void QueryRows(StartedPlugin& plugin) {
         LeaveCriticalSection(&cs);
         Keep(b);
     };
-    Comparison status = Compare([&] { q.GetFeatureStatus(b); Keep(b); }, bare);
+    Comparison status = Compare(
+        [&] {
+            q.GetFeatureStatus(b);
+            Keep(b);
+        },
+        bare);
     // The table lookup the operation is defined by: the name's djb2 hash and an exact comparison
     // with the stored key, under the same lock.
     const qv::StringW storedKey(feature.c_str());
@@ -154,7 +167,7 @@ struct BareReads {
 };
 
 struct ThreadRun {
-    const Queries* queries;  // null: the bare reads
+    const Queries* queries; // null: the bare reads
     BareReads* bare;
     HANDLE go;
     std::atomic<bool>* stop;
@@ -231,7 +244,7 @@ void ThreadRow(StartedPlugin& plugin) {
     bool locked;
     q.GetFeatureStatus(locked);
     BareReads bare;
-    Throughput(&q, nullptr, 8, 0.05);  // warm-up
+    Throughput(&q, nullptr, 8, 0.05); // warm-up
     std::vector<double> one, eight, bareOne, bareEight;
     constexpr int kReps = 9;
     constexpr double kSeconds = 0.1;
@@ -413,7 +426,7 @@ void CleanRow(PluginModule& module) {
     constexpr int kWarmUpFolders = 5;
     std::vector<double> pluginClean, plainClean, checkedClean, emptyStarts;
     bool complete = true;
-    for (int rep = -1; rep < kReps; ++rep) {  // rep -1 warms up, on small trees
+    for (int rep = -1; rep < kReps; ++rep) { // rep -1 warms up, on small trees
         const int folders = rep < 0 ? kWarmUpFolders : kFolders;
         if (!BuildTree(parent, folders) || !BuildTree(plainTwin, folders) || !BuildTree(checkedTwin, folders))
             return Emit(FailedRow(what, "could not build the trees"));
@@ -421,9 +434,15 @@ void CleanRow(PluginModule& module) {
         // Each run in a different order, so that none of the three always goes first.
         for (int k = 0; k < 3; ++k) {
             switch ((k + rep + 1) % 3) {
-            case 0: withTree = delayedStart(); break;
-            case 1: plain = timed([&] { PlainClean(plainTwin, L"scansp"); }); break;
-            default: checked = timed([&] { CheckedClean(checkedTwin, L"scansp"); }); break;
+            case 0:
+                withTree = delayedStart();
+                break;
+            case 1:
+                plain = timed([&] { PlainClean(plainTwin, L"scansp"); });
+                break;
+            default:
+                checked = timed([&] { CheckedClean(checkedTwin, L"scansp"); });
+                break;
             }
         }
         if (CountEntries(parent) != 1 || CountEntries(plainTwin) != 1 || CountEntries(checkedTwin) != 1)
@@ -446,14 +465,15 @@ void CleanRow(PluginModule& module) {
     c.pairRatios = StatsOf(pairs);
     const Stats floor = StatsOf(checkedClean);
     Row row = RatioRow(what, c, 2.0);
-    row.note = Printf("Plug-in side: DelayedStart with the tree beside the core temp folder minus DelayedStart "
-                      "without it (%.2f ms); %d runs after a warm-up on small trees, each deleting three identical "
-                      "trees in turn. Floor set by removing links as links, never followed (Wine resolves a link when it "
-                      "opens it, so each name must be checked through an open handle before it goes): a bare walk "
-                      "that only opens each entry, checks its name and deletes through that handle takes "
-                      "%.0f ms = %.2fx in this run.%s",
-                      MedianOf(emptyStarts) * 1e3, kReps, floor.median / 1e6, floor.median / c.baseline.median,
-                      complete ? "" : " NOT everything was deleted.");
+    row.note =
+        Printf("Plug-in side: DelayedStart with the tree beside the core temp folder minus DelayedStart "
+               "without it (%.2f ms); %d runs after a warm-up on small trees, each deleting three identical "
+               "trees in turn. Floor set by removing links as links, never followed (Wine resolves a link when it "
+               "opens it, so each name must be checked through an open handle before it goes): a bare walk "
+               "that only opens each entry, checks its name and deletes through that handle takes "
+               "%.0f ms = %.2fx in this run.%s",
+               MedianOf(emptyStarts) * 1e3, kReps, floor.median / 1e6, floor.median / c.baseline.median,
+               complete ? "" : " NOT everything was deleted.");
     SetFloor(row, c.subject.median, floor);
     if (!complete) row.verdict = Verdict::Miss;
     Emit(row);
@@ -488,19 +508,19 @@ void ReloadRow(PluginModule& module) {
     Options options;
     options.batchSeconds = 0.02;
     options.repetitions = 15;
-    Comparison c = Compare(
-        [&] { CallSlot<DWORD>(events, kOnComponentInstalled, infoPtr, engines.c_str()); },
-        [&] {
-            plugin.env.scanSp.ReloadEngines();
-            IKXSettingsSection* section = plugin.env.settings.OpenSection(L"/AntivirusScan", 0, 0, 0);
-            section->SetUInt(L"engines/reloadStatus", 1);
-            section->Release();
-            section = plugin.env.settings.OpenSection(L"/AntivirusScan", 0, 0, 0);
-            section->SetString(L"engines/folder", engines.c_str());
-            section->SetUInt(L"engines/reloadStatus", 2);
-            section->Release();
-        },
-        options);
+    Comparison c = Compare([&] { CallSlot<DWORD>(events, kOnComponentInstalled, infoPtr, engines.c_str()); },
+                           [&] {
+                               plugin.env.scanSp.ReloadEngines();
+                               IKXSettingsSection* section =
+                                   plugin.env.settings.OpenSection(L"/AntivirusScan", 0, 0, 0);
+                               section->SetUInt(L"engines/reloadStatus", 1);
+                               section->Release();
+                               section = plugin.env.settings.OpenSection(L"/AntivirusScan", 0, 0, 0);
+                               section->SetString(L"engines/folder", engines.c_str());
+                               section->SetUInt(L"engines/reloadStatus", 2);
+                               section->Release();
+                           },
+                           options);
     // Where the time goes: the siblings' share of one call, over a few more calls.
     constexpr int kCalls = 200;
     plugin.clock.Reset();
@@ -551,7 +571,7 @@ void StartupRow(PluginModule& module) {
     std::string calls;
     bool ok = true;
     constexpr int kReps = 21;
-    for (int rep = -2; rep < kReps; ++rep) {  // two warm-up cycles
+    for (int rep = -2; rep < kReps; ++rep) { // two warm-up cycles
         host::HostEnvironment env;
         installation.Configure(env);
         SiblingClock clock;
@@ -559,8 +579,8 @@ void StartupRow(PluginModule& module) {
         IQvHost* hostObject = timed.Host();
         const double start = Now();
         void* primary = module.Create();
-        ok = ok && primary && CallSlot<DWORD>(primary, kInit, hostObject) == 0 && CallSlot<DWORD>(primary, kStart) == 0 &&
-             CallSlot<DWORD>(primary, kDelayedStart) == 0;
+        ok = ok && primary && CallSlot<DWORD>(primary, kInit, hostObject) == 0 &&
+             CallSlot<DWORD>(primary, kStart) == 0 && CallSlot<DWORD>(primary, kDelayedStart) == 0;
         if (primary) {
             CallSlot<DWORD>(primary, kStop);
             CallSlot<DWORD>(primary, kUnInit);
@@ -603,21 +623,32 @@ void GuardRows(PluginModule& module) {
 
     uint64_t count = 0;
     Comparison signatures = Compare(
-        [&] { Keep(CallSlot<DWORD>(guarded.scan, kGetSignaturesCount, &count)); Keep(count); },
-        [&] { Keep(CallSlot<DWORD>(unguarded.scan, kGetSignaturesCount, &count)); Keep(count); });
+        [&] {
+            Keep(CallSlot<DWORD>(guarded.scan, kGetSignaturesCount, &count));
+            Keep(count);
+        },
+        [&] {
+            Keep(CallSlot<DWORD>(unguarded.scan, kGetSignaturesCount, &count));
+            Keep(count);
+        });
     Emit(RatioRow("GetSignaturesCount with an empty cache, guarded", signatures, 1.1,
                   "Baseline: the same call into the plug-in built without the guard; each call asks the update "
                   "plug-in for its statistics."));
 
     bool guardedOn = false, unguardedOn = false;
     Comparison backup = Compare(
-        [&] { guardedOn = !guardedOn; Keep(CallSlot<DWORD>(guarded.scan, kEnableBackup, guardedOn)); },
-        [&] { unguardedOn = !unguardedOn; Keep(CallSlot<DWORD>(unguarded.scan, kEnableBackup, unguardedOn)); });
+        [&] {
+            guardedOn = !guardedOn;
+            Keep(CallSlot<DWORD>(guarded.scan, kEnableBackup, guardedOn));
+        },
+        [&] {
+            unguardedOn = !unguardedOn;
+            Keep(CallSlot<DWORD>(unguarded.scan, kEnableBackup, unguardedOn));
+        });
     Emit(RatioRow("EnableBackup, alternating values, guarded", backup, 1.1,
                   "Baseline: the same call into the plug-in built without the guard; each call writes the settings "
                   "store and sets the scan provider's option."));
 }
-
 
 // ---- update.txt -------------------------------------------------------------------------------
 
@@ -625,8 +656,8 @@ bool WriteWhole(const std::wstring& path, const std::string& bytes) {
     HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) return false;
     DWORD wrote = 0;
-    const bool ok = WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &wrote, nullptr) &&
-                    wrote == bytes.size();
+    const bool ok =
+        WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &wrote, nullptr) && wrote == bytes.size();
     CloseHandle(file);
     return ok;
 }

@@ -85,8 +85,15 @@ void LockRows() {
     qv::ISyncRWLock* lock = Opaque<qv::ISyncRWLock>(&lockObject);
     SRWLOCK srw = SRWLOCK_INIT;
 
-    Comparison read = Compare([&] { lock->AcquireRead(0); lock->ReleaseRead(0); },
-                              [&] { AcquireSRWLockShared(&srw); ReleaseSRWLockShared(&srw); });
+    Comparison read = Compare(
+        [&] {
+            lock->AcquireRead(0);
+            lock->ReleaseRead(0);
+        },
+        [&] {
+            AcquireSRWLockShared(&srw);
+            ReleaseSRWLockShared(&srw);
+        });
 
     // Allocations per acquisition, counted over a million uncontended acquisitions and over the
     // same with four readers holding the lock at once (the reader table must never grow again).
@@ -110,8 +117,15 @@ void LockRows() {
                           static_cast<long long>(heapAfter.bytes) - static_cast<long long>(heapBefore.bytes));
     Emit(readRow);
 
-    Comparison write = Compare([&] { lock->AcquireWrite(0); lock->ReleaseWrite(0); },
-                               [&] { AcquireSRWLockExclusive(&srw); ReleaseSRWLockExclusive(&srw); });
+    Comparison write = Compare(
+        [&] {
+            lock->AcquireWrite(0);
+            lock->ReleaseWrite(0);
+        },
+        [&] {
+            AcquireSRWLockExclusive(&srw);
+            ReleaseSRWLockExclusive(&srw);
+        });
     Emit(RatioRow("CSyncRWLock write acquire + release, uncontended", write, 2.0,
                   "Wine's exclusive SRW pair is slower here than the lock's two critical-section passes."));
 }
@@ -205,8 +219,15 @@ void StringRows() {
         qv::StringW s;
         std::wstring w;
         int error = 0;
-        Comparison c = Compare([&] { s.Format(kFormat, kPath, ++error); bench::Keep(s); },
-                               [&] { FormatInto(w, kFormat, kPath, ++error); bench::Keep(w); });
+        Comparison c = Compare(
+            [&] {
+                s.Format(kFormat, kPath, ++error);
+                bench::Keep(s);
+            },
+            [&] {
+                FormatInto(w, kFormat, kPath, ++error);
+                bench::Keep(w);
+            });
         Emit(RatioRow("StringT format \"[path = %s] [error = %d]\"", c, 1.2,
                       "Baseline: std::wstring sized from _vscwprintf and printed with _vsnwprintf."));
     }
@@ -224,8 +245,8 @@ void StringRows() {
                 bench::Keep(back);
             },
             [&] {
-                int n = WideCharToMultiByte(CP_UTF8, 0, w.data(), static_cast<int>(w.size()), nullptr, 0, nullptr,
-                                            nullptr);
+                int n =
+                    WideCharToMultiByte(CP_UTF8, 0, w.data(), static_cast<int>(w.size()), nullptr, 0, nullptr, nullptr);
                 std::string narrow(static_cast<size_t>(n), '\0');
                 WideCharToMultiByte(CP_UTF8, 0, w.data(), static_cast<int>(w.size()), &narrow[0], n, nullptr, nullptr);
                 int m = MultiByteToWideChar(CP_UTF8, 0, narrow.data(), static_cast<int>(narrow.size()), nullptr, 0);
@@ -247,10 +268,18 @@ Json::Value SettingsDocument() {
         char key[48];
         std::snprintf(key, sizeof key, "feature.%04d.%s", i, i % 2 ? "locked" : "enabled");
         switch (i % 6) {
-        case 0: doc[key] = (i % 12) == 0; break;
-        case 1: doc[key] = Json::Int64(i) * 1000; break;
-        case 2: doc[key] = i + 0.25; break;
-        case 3: doc[key] = std::string("C:\\ProgramData\\Security Service\\item-") + std::to_string(i); break;
+        case 0:
+            doc[key] = (i % 12) == 0;
+            break;
+        case 1:
+            doc[key] = Json::Int64(i) * 1000;
+            break;
+        case 2:
+            doc[key] = i + 0.25;
+            break;
+        case 3:
+            doc[key] = std::string("C:\\ProgramData\\Security Service\\item-") + std::to_string(i);
+            break;
         case 4: {
             Json::Value list(Json::arrayValue);
             for (int k = 0; k < 3; ++k) list.append(i + k);

@@ -41,9 +41,7 @@ IObjectConstructor* ObjectRegistry::Find(const wchar_t* name) const {
     return it == constructors_.end() ? nullptr : it->second;
 }
 
-void ObjectRegistry::Insert(const wchar_t* name, IObjectConstructor* constructor) {
-    constructors_[name] = constructor;
-}
+void ObjectRegistry::Insert(const wchar_t* name, IObjectConstructor* constructor) { constructors_[name] = constructor; }
 
 void ObjectRegistry::Remove(const wchar_t* name) { constructors_.erase(name); }
 

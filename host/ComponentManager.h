@@ -15,8 +15,8 @@ namespace host {
 class ComponentManager : public IComponentManager {
 public:
     struct Counts {
-        int gets = 0;      // successful gets
-        int attempts = 0;  // every call of GetPlugin for the name
+        int gets = 0;     // successful gets
+        int attempts = 0; // every call of GetPlugin for the name
         int releases = 0;
     };
 

@@ -9,7 +9,7 @@ namespace host {
 
 class CtcPlugin : public ICtcUpdate {
 public:
-    ServedPlugin served;  // held and handed back by the component manager
+    ServedPlugin served; // held and handed back by the component manager
     int StatusQueries() const { return queries_.load(); }
     DWORD GetStatus(uint32_t* status) override;
 

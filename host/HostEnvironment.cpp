@@ -25,7 +25,8 @@ void HostEnvironment::OfferAll() {
                   static_cast<qv::kxsdk::AntivirusScan::IRemoteScan*>(&remoteScan), &remoteScan.served);
     manager.Offer(ids::kCtcName, ids::kCtcId, static_cast<ICtcUpdate*>(&ctc), &ctc.served);
     manager.Offer(ids::kScanSpName, ids::kScanSpId, static_cast<IScanSp*>(&scanSp), &scanSp.served);
-    manager.Offer(ids::kTelemetryName, ids::kTelemetryId, static_cast<Telemetry::ITelemetry*>(&telemetry), &telemetry.served);
+    manager.Offer(ids::kTelemetryName, ids::kTelemetryId, static_cast<Telemetry::ITelemetry*>(&telemetry),
+                  &telemetry.served);
 }
 
 } // namespace host

@@ -24,9 +24,9 @@ template <class R, class... Args> R CallSlot(void* object, int slot, Args... arg
 // Slot numbers of the object's faces and of the update plug-in's event face, from the interfaces
 // they number: the binary contract that a caller's compiled code uses.
 namespace slots {
-using namespace qv::kxsdk::slots;                 // Lifecycle
-using namespace qv::kxsdk::AntivirusScan::slots;  // Scan
-using namespace qv::kxsdk::Update::slots;         // kOnComponentInstalled
+using namespace qv::kxsdk::slots;                // Lifecycle
+using namespace qv::kxsdk::AntivirusScan::slots; // Scan
+using namespace qv::kxsdk::Update::slots;        // kOnComponentInstalled
 } // namespace slots
 
 // Folder of the running program, without a trailing backslash.
@@ -36,7 +36,7 @@ std::wstring FreshFolder(const wchar_t* prefix, const wchar_t* tag);
 
 class PluginLibrary {
 public:
-    PluginLibrary();  // the one beside the program
+    PluginLibrary(); // the one beside the program
     explicit PluginLibrary(const std::wstring& path);
     ~PluginLibrary() { Unload(); }
     PluginLibrary(const PluginLibrary&) = delete;

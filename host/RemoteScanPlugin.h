@@ -17,23 +17,22 @@ struct RemoteScanRegistration {
     DWORD result = 0;
 };
 
-class RemoteScanPlugin
-    : public qv::kxsdk::AntivirusScan::IRemoteScan,
-      public SinkRegistry<qv::kxsdk::AntivirusScan::IRemoteScan::IEvents, RemoteScanRegistration> {
+class RemoteScanPlugin : public qv::kxsdk::AntivirusScan::IRemoteScan,
+                         public SinkRegistry<qv::kxsdk::AntivirusScan::IRemoteScan::IEvents, RemoteScanRegistration> {
 public:
     using RegistrationRecord = RemoteScanRegistration;
-    ServedPlugin served;  // held and handed back by the component manager
+    ServedPlugin served; // held and handed back by the component manager
     struct Counts {
         int statusQueries = 0;
-        int serverCountQueries = 0;  // the third query, between status and fallback mode
+        int serverCountQueries = 0; // the third query, between status and fallback mode
         int fallbackQueries = 0;
-        int registers = 0;  // refused ones included
+        int registers = 0; // refused ones included
         int unregisters = 0;
         int fires = 0;
     };
     struct FireRecord {
-        DWORD threadId = 0;          // the notification thread
-        std::vector<DWORD> results;  // one per sink, in registration order
+        DWORD threadId = 0;         // the notification thread
+        std::vector<DWORD> results; // one per sink, in registration order
     };
 
     ~RemoteScanPlugin() { threads_.WaitAll(INFINITE); }

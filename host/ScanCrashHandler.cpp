@@ -9,8 +9,10 @@ void ScanCrashHandler::FailFirstCall(DWORD code) {
 
 void ScanCrashHandler::FailOption(uint32_t option, DWORD code) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (code) failOption_[option] = code;
-    else failOption_.erase(option);
+    if (code)
+        failOption_[option] = code;
+    else
+        failOption_.erase(option);
 }
 
 std::vector<ScanCrashHandler::OptionRecord> ScanCrashHandler::Options() const {

@@ -12,10 +12,10 @@
 namespace host {
 
 struct ScanEvent {
-    const char* face = "";  // "engines", "scan", "settings"
-    const char* name = "";  // the notification: "OnReloadStarted", ...
-    Json::Value args;       // its arguments in order; strings as UTF-8, flags as booleans
-    std::wstring text;      // the engines path or the feature name as given; "" for the others
+    const char* face = ""; // "engines", "scan", "settings"
+    const char* name = ""; // the notification: "OnReloadStarted", ...
+    Json::Value args;      // its arguments in order; strings as UTF-8, flags as booleans
+    std::wstring text;     // the engines path or the feature name as given; "" for the others
 };
 
 class ScanEventSinks : public qv::kxsdk::AntivirusScan::IAntivirusScan::IEnginesEvents,

@@ -14,17 +14,17 @@ namespace host {
 
 class ScanSpPlugin : public IScanSp {
 public:
-    ServedPlugin served;  // held and handed back by the component manager
+    ServedPlugin served; // held and handed back by the component manager
     struct Counts {
         int setOptions = 0;
         int reloads = 0;
-        int getInterfaces = 0;  // every call, failed ones included
+        int getInterfaces = 0; // every call, failed ones included
         int releaseInterfaces = 0;
     };
     struct OptionRecord {
         uint32_t option = 0;
         uint32_t reserved = 0;
-        uint32_t value = 0;  // the 4-byte value; 0 when fewer bytes or none were given
+        uint32_t value = 0; // the 4-byte value; 0 when fewer bytes or none were given
         uint32_t size = 0;
         bool nullValue = false;
         DWORD result = 0;
@@ -32,8 +32,8 @@ public:
     // Decides a reload's answer, on the reloading thread; replaces the fixed result while set.
     using ReloadHandler = std::function<DWORD()>;
 
-    void SetOptionResult(DWORD code);  // every option
-    void SetOptionResultFor(uint32_t option, DWORD code);  // one option; overrides the above
+    void SetOptionResult(DWORD code);                     // every option
+    void SetOptionResultFor(uint32_t option, DWORD code); // one option; overrides the above
     void SetReloadResult(DWORD code);
     void SetReloadHandler(ReloadHandler handler);
     // GetInterface answers code; with writeObject the crash handler is written out all the same.
@@ -41,9 +41,9 @@ public:
 
     ScanCrashHandler& CrashHandler() { return crashHandler_; }
     Counts GetCounts() const;
-    int OutstandingInterfaces() const;  // objects written out and not yet given back
+    int OutstandingInterfaces() const; // objects written out and not yet given back
     std::vector<OptionRecord> Options() const;
-    std::vector<DWORD> ReloadThreads() const;  // thread id of every reload, in order
+    std::vector<DWORD> ReloadThreads() const; // thread id of every reload, in order
 
     DWORD SetOption(uint32_t option, uint32_t reserved, const void* value, uint32_t size) override;
     DWORD ReloadEngines() override;

@@ -16,7 +16,7 @@ namespace host {
 
 class ServConfigPlugin : public IServConfig {
 public:
-    ServedPlugin served;  // held and handed back by the component manager
+    ServedPlugin served; // held and handed back by the component manager
     using Query = std::pair<int32_t, std::wstring>;
 
     // A null text clears the entry.

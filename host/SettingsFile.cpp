@@ -6,7 +6,8 @@
 #include <atomic>
 #include <memory>
 
-namespace host { namespace settingsfile {
+namespace host {
+namespace settingsfile {
 
 ReadResult ReadWhole(const std::wstring& path, std::string& bytes) {
     bytes.clear();
@@ -15,7 +16,7 @@ ReadResult ReadWhole(const std::wstring& path, std::string& bytes) {
     if (file == INVALID_HANDLE_VALUE) {
         DWORD error = GetLastError();
         return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? ReadResult::Missing
-                                                                               : ReadResult::Failed;
+                                                                              : ReadResult::Failed;
     }
     bool ok = true;
     char chunk[16384];
@@ -37,8 +38,8 @@ bool WriteDurably(const std::wstring& path, const std::string& bytes) {
     // Windows refuses to replace a read-only file; Wine's rename does not, so ask first.
     DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY)) return false;
-    std::wstring temp = path + L"." + std::to_wstring(GetCurrentProcessId()) + L"." +
-                        std::to_wstring(++sequence) + L".tmp";
+    std::wstring temp =
+        path + L"." + std::to_wstring(GetCurrentProcessId()) + L"." + std::to_wstring(++sequence) + L".tmp";
     HANDLE file = CreateFileW(temp.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) return false;
     bool ok = true;
@@ -77,9 +78,12 @@ bool TextWithinDepth(const std::string& text) {
     bool inString = false, escaped = false;
     for (const char c : text) {
         if (inString) {
-            if (escaped) escaped = false;
-            else if (c == '\\') escaped = true;
-            else if (c == '"') inString = false;
+            if (escaped)
+                escaped = false;
+            else if (c == '\\')
+                escaped = true;
+            else if (c == '"')
+                inString = false;
         } else if (c == '"') {
             inString = true;
         } else if (c == '{' || c == '[') {
@@ -151,4 +155,5 @@ std::vector<std::string> SplitKey(const wchar_t* key) {
     return parts;
 }
 
-}} // namespace host::settingsfile
+} // namespace settingsfile
+} // namespace host

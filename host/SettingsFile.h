@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-namespace host { namespace settingsfile {
+namespace host {
+namespace settingsfile {
 
 enum class ReadResult { Missing, Read, Failed };
 
@@ -32,4 +33,5 @@ std::wstring FromUtf8(const std::string& text);
 // "engines/reloadStatus" -> {"engines", "reloadStatus"}; empty parts are dropped.
 std::vector<std::string> SplitKey(const wchar_t* key);
 
-}} // namespace host::settingsfile
+} // namespace settingsfile
+} // namespace host

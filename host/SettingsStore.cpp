@@ -126,7 +126,7 @@ void SettingsStore::ResetCounts() {
     int outstanding = counts_.opens - counts_.releases;
     failAt_ = failAt_ > counts_.sets ? failAt_ - counts_.sets : 0;
     counts_ = Counts{};
-    counts_.opens = outstanding;  // sections still out must still balance
+    counts_.opens = outstanding; // sections still out must still balance
     setLog_.clear();
     openedPaths_.clear();
 }

@@ -16,23 +16,23 @@ namespace host {
 
 class SettingsStore : public IKXSettings {
 public:
-    ServedPlugin served;  // held and handed back by the component manager
+    ServedPlugin served; // held and handed back by the component manager
     struct Counts {
-        int opens = 0;         // sections handed out
-        int refusedOpens = 0;  // OpenSection calls answered with null
-        int releases = 0;      // sections given back
-        int sets = 0;          // every set call, failed ones included
+        int opens = 0;        // sections handed out
+        int refusedOpens = 0; // OpenSection calls answered with null
+        int releases = 0;     // sections given back
+        int sets = 0;         // every set call, failed ones included
         int failedSets = 0;
-        int gets = 0;          // every get call, whatever it found
+        int gets = 0; // every get call, whatever it found
     };
     struct SetRecord {
         std::wstring section;
         std::wstring key;
-        std::string value;  // compact JSON text
+        std::string value; // compact JSON text
         bool succeeded = false;
     };
 
-    SettingsStore() = default;  // memory only
+    SettingsStore() = default; // memory only
     explicit SettingsStore(const std::wstring& path) { UseFile(path); }
     SettingsStore(const SettingsStore&) = delete;
     SettingsStore& operator=(const SettingsStore&) = delete;
@@ -60,7 +60,7 @@ public:
     void FailAllSets(bool fail);
 
     Counts GetCounts() const;
-    int Outstanding() const;  // sections opened and not yet released
+    int Outstanding() const; // sections opened and not yet released
     // Zeroes the counters and empties the logs; sections still out stay counted as opened.
     void ResetCounts();
     std::vector<SetRecord> SetLog() const;
@@ -85,7 +85,7 @@ private:
     bool refuseOpen_ = false;
     int refuseNext_ = 0;
     bool failAll_ = false;
-    int failAt_ = 0;  // value of counts_.sets whose call fails; 0 for none
+    int failAt_ = 0; // value of counts_.sets whose call fails; 0 for none
     Counts counts_;
     std::vector<SetRecord> setLog_;
     std::vector<std::wstring> openedPaths_;

@@ -12,10 +12,9 @@
 namespace host {
 
 // Record: an aggregate with a `result` member, filled in by the host before AddSink/RemoveSink.
-template <class Sink, class Record>
-class SinkRegistry {
+template <class Sink, class Record> class SinkRegistry {
 public:
-    void RefuseRegistration(DWORD code) {  // 0 accepts again
+    void RefuseRegistration(DWORD code) { // 0 accepts again
         std::lock_guard<std::mutex> lock(mutex_);
         refuseCode_ = code;
     }

@@ -14,7 +14,7 @@ namespace host {
 
 class TelemetryPlugin : public Telemetry::ITelemetry {
 public:
-    ServedPlugin served;  // held and handed back by the component manager
+    ServedPlugin served; // held and handed back by the component manager
     struct EventRecord {
         Json::Value event;
         int32_t flags = 0;

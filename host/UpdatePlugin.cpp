@@ -197,8 +197,7 @@ std::function<void()> UpdatePlugin::DeliveryJob(const wchar_t* updater, const wc
 DWORD UpdatePlugin::DeliverComponentInstalled(const wchar_t* updater, const wchar_t* component,
                                               const wchar_t* enginesPath, DWORD timeoutMs) {
     auto result = std::make_shared<DWORD>(ERROR_NOT_FOUND);
-    if (!threads_.RunAndWait(DeliveryJob(updater, component, enginesPath, result), timeoutMs))
-        return WAIT_TIMEOUT;
+    if (!threads_.RunAndWait(DeliveryJob(updater, component, enginesPath, result), timeoutMs)) return WAIT_TIMEOUT;
     return *result;
 }
 

@@ -29,15 +29,15 @@ class UpdatePlugin : public qv::kxsdk::Update::IUpdate,
                      public SinkRegistry<qv::kxsdk::Update::IUpdate::IEvents, UpdateRegistration> {
 public:
     using RegistrationRecord = UpdateRegistration;
-    ServedPlugin served;  // held and handed back by the component manager
+    ServedPlugin served; // held and handed back by the component manager
     struct Counts {
-        int statistics = 0;  // GetStatistics calls
-        int settings = 0;    // GetUpdateSettings calls
+        int statistics = 0; // GetStatistics calls
+        int settings = 0;   // GetUpdateSettings calls
         int startUpdates = 0;
         int restarts = 0;
-        int registers = 0;   // RegisterEvents calls, refused ones included
+        int registers = 0; // RegisterEvents calls, refused ones included
         int unregisters = 0;
-        int deliveries = 0;  // finished deliveries
+        int deliveries = 0; // finished deliveries
     };
     struct RestartRecord {
         uint32_t value = 0;
@@ -45,15 +45,15 @@ public:
         bool nullName = false;
     };
     struct DeliveryRecord {
-        std::wstring updater, component, enginesPath;  // "" when null
+        std::wstring updater, component, enginesPath; // "" when null
         bool nullUpdater = false, nullComponent = false, nullEnginesPath = false;
-        DWORD threadId = 0;          // the notification thread
-        std::vector<DWORD> results;  // one per sink, in registration order
+        DWORD threadId = 0;         // the notification thread
+        std::vector<DWORD> results; // one per sink, in registration order
     };
     // Runs on the notification thread once the sinks to tell are decided, before any is told;
     // any argument may be null.
-    using BeforeDelivery = std::function<void(const wchar_t* updater, const wchar_t* component,
-                                              const wchar_t* enginesPath)>;
+    using BeforeDelivery =
+        std::function<void(const wchar_t* updater, const wchar_t* component, const wchar_t* enginesPath)>;
 
     UpdatePlugin() = default;
     ~UpdatePlugin() { threads_.WaitAll(INFINITE); }
@@ -73,18 +73,17 @@ public:
 
     // Tells every registered sink OnComponentInstalled on a new thread and waits for it.
     // Returns the last sink's answer, 1168 with no sink, 258 when the wait timed out.
-    DWORD DeliverComponentInstalled(const wchar_t* updater, const wchar_t* component,
-                                    const wchar_t* enginesPath, DWORD timeoutMs = 60000);
+    DWORD DeliverComponentInstalled(const wchar_t* updater, const wchar_t* component, const wchar_t* enginesPath,
+                                    DWORD timeoutMs = 60000);
     // The same without waiting; WaitForDeliveries waits for all started so far.
-    bool DeliverComponentInstalledAsync(const wchar_t* updater, const wchar_t* component,
-                                        const wchar_t* enginesPath);
+    bool DeliverComponentInstalledAsync(const wchar_t* updater, const wchar_t* component, const wchar_t* enginesPath);
     bool WaitForDeliveries(DWORD timeoutMs);
     void SetBeforeDelivery(BeforeDelivery hook);
 
     Counts GetCounts() const;
     std::vector<UpdateRequestRecord> Requests() const;
     std::vector<RestartRecord> Restarts() const;
-    std::vector<DeliveryRecord> Deliveries() const;  // finished ones, in finishing order
+    std::vector<DeliveryRecord> Deliveries() const; // finished ones, in finishing order
 
     DWORD GetStatistics(Statistics* statistics) override;
     DWORD GetUpdateSettings(UpdateSettings* settings) override;
@@ -112,8 +111,8 @@ private:
         std::wstring version;
         int32_t count = 0;
     };
-    std::function<void()> DeliveryJob(const wchar_t* updater, const wchar_t* component,
-                                      const wchar_t* enginesPath, std::shared_ptr<DWORD> result);
+    std::function<void()> DeliveryJob(const wchar_t* updater, const wchar_t* component, const wchar_t* enginesPath,
+                                      std::shared_ptr<DWORD> result);
 
     std::map<std::wstring, Statistic> statistics_;
     uint64_t lastUpdateTime_ = 0;
@@ -129,7 +128,7 @@ private:
     std::vector<UpdateRequestRecord> requests_;
     std::vector<RestartRecord> restarts_;
     std::vector<DeliveryRecord> deliveries_;
-    NotifyThreads threads_;  // last: its threads are waited for before the state above goes
+    NotifyThreads threads_; // last: its threads are waited for before the state above goes
 };
 
 } // namespace host

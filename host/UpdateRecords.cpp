@@ -1,11 +1,11 @@
 #include "host/UpdateRecords.h"
 
-namespace host { namespace updaterecords {
+namespace host {
+namespace updaterecords {
 
 namespace {
 
-template <class T, class F>
-void EachOf(const qv::List<T>& list, F&& f) {
+template <class T, class F> void EachOf(const qv::List<T>& list, F&& f) {
     qv::ConstListEnum<T>* it = list.EnumerateConst();
     if (!it) return;
     while (it->HasMore()) {
@@ -66,4 +66,5 @@ void FillSettings(const UpdateSettingsRecord& from, IUpdate::UpdateSettings& to)
     to.timeout = from.timeout;
 }
 
-}} // namespace host::updaterecords
+} // namespace updaterecords
+} // namespace host

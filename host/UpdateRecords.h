@@ -41,7 +41,7 @@ struct UpdateRequestRecord {
     uint32_t options = 0;
     uint8_t interactive = 0;
     uint8_t signaturesOnly = 0;
-    DWORD threadId = 0;  // caller's thread
+    DWORD threadId = 0; // caller's thread
 };
 
 namespace updaterecords {

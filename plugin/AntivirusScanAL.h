@@ -185,10 +185,10 @@ private:
         signatureInfoReportingChanged{settingsSinks};
 
     SynchronyzedObjectContainer<IEnginesEvents*> enginesSinks;
-    Event<MemberFunction_1_args<IEnginesEvents, int, const StringW&, &IEnginesEvents::OnReloadStarted>>
-        reloadStarted{enginesSinks};
-    Event<MemberFunction_2_args<IEnginesEvents, int, const StringW&, int, &IEnginesEvents::OnReloadEnded>>
-        reloadEnded{enginesSinks};
+    Event<MemberFunction_1_args<IEnginesEvents, int, const StringW&, &IEnginesEvents::OnReloadStarted>> reloadStarted{
+        enginesSinks};
+    Event<MemberFunction_2_args<IEnginesEvents, int, const StringW&, int, &IEnginesEvents::OnReloadEnded>> reloadEnded{
+        enginesSinks};
 
     SynchronyzedObjectContainer<IScanEvents*> scanSinks;
     Event<MemberFunction_2_args<IScanEvents, int, ScanMode, ScanMode, &IScanEvents::OnScanModesChanged>>

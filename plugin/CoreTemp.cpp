@@ -93,7 +93,8 @@ void AntivirusScanAL::DisableScanCrashHandler() {
         IScanSp* provider;
         void* object = nullptr;
         ~HandedBack() {
-            if (object) GuardedStep(L"AntivirusScanAL::DisableScanCrashHandler", [&] { provider->ReleaseInterface(object); });
+            if (object)
+                GuardedStep(L"AntivirusScanAL::DisableScanCrashHandler", [&] { provider->ReleaseInterface(object); });
         }
     } handler{provider.Get()};
     const DWORD got = provider->GetInterface(kxsdk::scansp::kCrashHandlerId, &handler.object);

@@ -14,12 +14,14 @@ inline bool DeleteFileBelowKeepingLinks(const wchar_t* function, const StringW& 
                                         const StringW& shownPath, DWORD& error) {
     switch (file::DeleteFileBelow(base.c_str(), relative, error)) {
     case file::EntryResult::Done:
-    case file::EntryResult::Absent: break;
+    case file::EntryResult::Absent:
+        break;
     case file::EntryResult::NotFollowed:
         logging::WriteMessage(logging::LOG_SEV_WARNING, function, L"Link not followed, file kept [path = %s]",
                               shownPath.c_str());
         break;
-    case file::EntryResult::Failed: return false;
+    case file::EntryResult::Failed:
+        return false;
     }
     return true;
 }

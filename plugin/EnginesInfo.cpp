@@ -19,9 +19,8 @@ void Withhold(uint64_t& value) { value = 0; }
 
 // Both getters answer from the copy kept in the object, filled on first use; while recovery
 // replaces the engines they answer nothing and say why.
-template <class Value, class Fill>
-DWORD ReadCached(const wchar_t* function, Value* out, const bool& recovering, CriticalSection& lock,
-                 const Value& cache, Fill fill) {
+template <class Value, class Fill> DWORD ReadCached(const wchar_t* function, Value* out, const bool& recovering,
+                                                    CriticalSection& lock, const Value& cache, Fill fill) {
     if (IsNullArgument(function, out)) return kInvalidParameter;
     return GuardedSlot(function, [&]() -> DWORD {
         if (recovering) {

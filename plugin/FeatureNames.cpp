@@ -57,8 +57,8 @@ bool AcceptFeatureName(const wchar_t* function, const StringW& name) {
     }
     for (const ReservedKey& key : kReservedKeys) {
         if (key.length == end - start && SameText(key.name, text + start, key.length)) {
-            WriteMessage(LOG_SEV_ERROR, function, L"Feature name refused: reaches the module's key [name = %s] [key = %s]",
-                         text, key.name);
+            WriteMessage(LOG_SEV_ERROR, function,
+                         L"Feature name refused: reaches the module's key [name = %s] [key = %s]", text, key.name);
             return false;
         }
     }

@@ -113,7 +113,8 @@ DWORD AntivirusScanAL::Start() {
             return kInvalidState;
         }
         DWORD error = kDependencyNotFound;
-        if (auto update = updatePlugin.Acquire()) error = update->RegisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
+        if (auto update = updatePlugin.Acquire())
+            error = update->RegisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
         if (error != 0) {
             QV_LOG(LOG_SEV_ERROR, L"Cannot register update events [error = %d]", static_cast<int>(error));
             Stop();
@@ -134,8 +135,10 @@ DWORD AntivirusScanAL::Start() {
 DWORD AntivirusScanAL::Stop() {
     QV_TRACE(L"AntivirusScanAL::Stop");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        if (auto update = updatePlugin.Acquire()) (void)update->UnregisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
-        if (auto remote = remoteScanPlugin.Acquire()) (void)remote->UnregisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
+        if (auto update = updatePlugin.Acquire())
+            (void)update->UnregisterEvents(static_cast<IUpdate::IEvents*>(this), 0, "");
+        if (auto remote = remoteScanPlugin.Acquire())
+            (void)remote->UnregisterEvents(static_cast<IRemoteScan::IEvents*>(this), 0);
         return kSuccess;
     });
 }

@@ -53,7 +53,8 @@ bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
         QV_LOG(LOG_SEV_INFO, cache.message, path.c_str());
         DWORD error = kSuccess;
         if (!DeleteFileBelowKeepingLinks(qvFunctionName_, common, cache.name, path, error))
-            QV_LOG(LOG_SEV_ERROR, L"Cannot delete file [error = %d] [path = %s]", static_cast<int>(error), path.c_str());
+            QV_LOG(LOG_SEV_ERROR, L"Cannot delete file [error = %d] [path = %s]", static_cast<int>(error),
+                   path.c_str());
     }
     return true;
 }
@@ -93,9 +94,10 @@ bool AntivirusScanAL::GenerateDummyFile(const StringW& folder, const wchar_t* na
         QV_LOG(LOG_SEV_WARNING, L"Link not followed, file not created [path = %s]", path.c_str());
         return false;
     case file::EntryResult::Absent:
-        error = kPathNotFound;  // what creating by path answers for a missing folder
+        error = kPathNotFound; // what creating by path answers for a missing folder
         break;
-    case file::EntryResult::Failed: break;
+    case file::EntryResult::Failed:
+        break;
     }
     QV_LOG(LOG_SEV_ERROR, L"Cannot create missing file. [error = %d] [path = %s]", static_cast<int>(error),
            path.c_str());

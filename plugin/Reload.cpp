@@ -98,8 +98,8 @@ DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
 void AntivirusScanAL::OnBeforeReload(ReloadStatus newStatus) {
     QV_TRACE(L"AntivirusScanAL::OnBeforeReload");
     auto lock = stateLock.Lock();
-    QV_LOG(LOG_SEV_INFO, L"[lastOk = %s] [oldReloadStatus = %d] [newReloadStatus = %d]",
-           settings.enginesFolder.c_str(), static_cast<int>(settings.reloadStatus), static_cast<int>(newStatus));
+    QV_LOG(LOG_SEV_INFO, L"[lastOk = %s] [oldReloadStatus = %d] [newReloadStatus = %d]", settings.enginesFolder.c_str(),
+           static_cast<int>(settings.reloadStatus), static_cast<int>(newStatus));
     SettingsSection section(settingsPlugin);
     if (!section) return;
     if (!section->SetUInt(L"engines/reloadStatus", newStatus)) {
@@ -117,7 +117,8 @@ void AntivirusScanAL::OnReloadSuccessfull() {
     if (settings.reloadStatus == kReloadLoaded && newPath.CompareNoCase(oldPath.c_str()) == 0) return;
     SettingsSection section(settingsPlugin);
     if (!section) return;
-    if (!section->SetString(L"engines/folder", newPath.c_str()) || !section->SetUInt(L"engines/reloadStatus", kReloadLoaded)) {
+    if (!section->SetString(L"engines/folder", newPath.c_str()) ||
+        !section->SetUInt(L"engines/reloadStatus", kReloadLoaded)) {
         QV_LOG(LOG_SEV_WARNING, L"Cannot save reload info [oldPath = %s] [newPath = %s]", oldPath.c_str(),
                newPath.c_str());
     }

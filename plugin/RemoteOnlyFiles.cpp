@@ -31,9 +31,8 @@ StringW PluginFile(const StringW& engines, const wchar_t* name) {
 }
 
 // Runs `action(name, path)` for each listed file of an engines folder that exists.
-template <size_t Count, class Action>
-void ForEachPluginFile(const wchar_t* function, const StringW& engines, const wchar_t* const (&names)[Count],
-                       Action action) {
+template <size_t Count, class Action> void ForEachPluginFile(const wchar_t* function, const StringW& engines,
+                                                             const wchar_t* const (&names)[Count], Action action) {
     if (!PathFileExistsW(engines.c_str())) {
         WriteMessage(LOG_SEV_INFO, function, L"Invalid engines path = %s", engines.c_str());
         return;
@@ -60,7 +59,8 @@ void AntivirusScanAL::RemoveNonRemoteScanPlugins() {
     ForEachPluginFile(qvFunctionName_, engines, kDeletedWhenPresent, [&](const wchar_t* name, const StringW& path) {
         DWORD error = kSuccess;
         if (!DeleteFileBelowKeepingLinks(qvFunctionName_, engines, PluginName(name).c_str(), path, error))
-            QV_LOG(LOG_SEV_WARNING, L"Cannot delete file [path = %s] [error = %d]", path.c_str(), static_cast<int>(error));
+            QV_LOG(LOG_SEV_WARNING, L"Cannot delete file [path = %s] [error = %d]", path.c_str(),
+                   static_cast<int>(error));
     });
 }
 

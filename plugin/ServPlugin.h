@@ -22,11 +22,11 @@ namespace qv {
 // Id and trace name of each plug-in interface the object looks up.
 template <class T> struct PluginTraits;
 
-#define QV_PLUGIN_TRAITS(T, TEXT, ID)                                                             \
-    template <> struct PluginTraits<T> {                                                          \
-        static GUID Id() { return ID; }                                                           \
-        static constexpr const wchar_t* kTraceName = L"ServPlugin<struct " TEXT ">::GetPlugin";    \
-        static constexpr const wchar_t* kReleaseName = L"ServPlugin<struct " TEXT ">::Release";    \
+#define QV_PLUGIN_TRAITS(T, TEXT, ID)                                                                                  \
+    template <> struct PluginTraits<T> {                                                                               \
+        static GUID Id() { return ID; }                                                                                \
+        static constexpr const wchar_t* kTraceName = L"ServPlugin<struct " TEXT ">::GetPlugin";                        \
+        static constexpr const wchar_t* kReleaseName = L"ServPlugin<struct " TEXT ">::Release";                        \
     }
 
 QV_PLUGIN_TRAITS(IServConfig, L"IServConfig", kxsdk::ids::kServConfigId);

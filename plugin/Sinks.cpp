@@ -14,7 +14,7 @@ DWORD ChangeSinks(const wchar_t* function, Container& sinks, Sink* sink, bool ad
 
 // The six slots differ only in the sink kind and the direction, so each is written as one line
 // and the kinds read side by side.
-#define QV_SINK_SLOT(Slot, Sink, sinks, add)                                                                     \
+#define QV_SINK_SLOT(Slot, Sink, sinks, add)                                                                           \
     DWORD AntivirusScanAL::Slot(Sink* sink) { return ChangeSinks(L"AntivirusScanAL::" #Slot, sinks, sink, add); }
 
 QV_SINK_SLOT(RegisterEnginesEvents, IEnginesEvents, enginesSinks, true)

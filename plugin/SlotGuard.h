@@ -34,7 +34,10 @@ template <class... Pointers> bool IsNullArgument(const wchar_t* function, const 
 
 // For internal steps whose failure is only logged: runs the body, swallowing exceptions.
 template <class Body> void GuardedStep(const wchar_t* function, Body&& body) noexcept {
-    GuardedSlot(function, [&]() -> DWORD { body(); return 0; });
+    GuardedSlot(function, [&]() -> DWORD {
+        body();
+        return 0;
+    });
 }
 
 } // namespace qv

@@ -56,9 +56,9 @@ DWORD AntivirusScanAL::IsBackupEnabled(bool* enabled) {
 DWORD AntivirusScanAL::ReportHashChain(const HashChainSettings& value) {
     QV_TRACE(L"AntivirusScanAL::ReportHashChain");
     const bool enabled = value.enabled;
-    return ChangeReportingSwitch(qvFunctionName_, enabled, [](AntivirusScanSettings& record) -> bool& {
-        return record.hashChain.enabled;
-    }, [&] { hashChainSettingsChanged.Fire(HashChainSettings{enabled}); });
+    return ChangeReportingSwitch(
+        qvFunctionName_, enabled, [](AntivirusScanSettings& record) -> bool& { return record.hashChain.enabled; },
+        [&] { hashChainSettingsChanged.Fire(HashChainSettings{enabled}); });
 }
 
 DWORD AntivirusScanAL::GetHashChainSettings(HashChainSettings* value) {
@@ -70,9 +70,9 @@ DWORD AntivirusScanAL::GetHashChainSettings(HashChainSettings* value) {
 
 DWORD AntivirusScanAL::ReportSignatureInfo(bool enabled) {
     QV_TRACE(L"AntivirusScanAL::ReportSignatureInfo");
-    return ChangeReportingSwitch(qvFunctionName_, enabled, [](AntivirusScanSettings& record) -> bool& {
-        return record.reportSignatureInfo;
-    }, [&] { signatureInfoReportingChanged.Fire(enabled); });
+    return ChangeReportingSwitch(
+        qvFunctionName_, enabled, [](AntivirusScanSettings& record) -> bool& { return record.reportSignatureInfo; },
+        [&] { signatureInfoReportingChanged.Fire(enabled); });
 }
 
 // The reporting switches differ from backup on purpose: an unchanged value is written to the

@@ -10,10 +10,14 @@ using namespace logging;
 namespace {
 const char* ScanTypeWord(uint32_t type) {
     switch (type) {
-    case kxsdk::AntivirusScan::RemoteOnly: return "remote";
-    case kxsdk::AntivirusScan::Light: return "light";
-    case kxsdk::AntivirusScan::Full: return "full";
-    default: return "";
+    case kxsdk::AntivirusScan::RemoteOnly:
+        return "remote";
+    case kxsdk::AntivirusScan::Light:
+        return "light";
+    case kxsdk::AntivirusScan::Full:
+        return "full";
+    default:
+        return "";
     }
 }
 } // namespace

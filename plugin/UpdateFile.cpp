@@ -34,15 +34,15 @@ StringW LastWord(const std::string& line) {
 
 UpdateFileRead ReadUpdateFile(const wchar_t* path, UpdateFileInfo& info) {
     UniqueHFile file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file) return UpdateFileRead::Unreadable;
 
     // Lines 1 and 3 are only counted; lines 2 and 4 are kept, and never beyond the limit. Line 3
     // carries nothing asked of this plug-in, but it must be read through to reach line 4.
     std::string count, version;
-    int line = 0;           // lines completed so far
-    bool pending = false;   // some bytes of the current line were seen
-    size_t taken = 0;       // bytes of the first four lines so far
+    int line = 0;         // lines completed so far
+    bool pending = false; // some bytes of the current line were seen
+    size_t taken = 0;     // bytes of the first four lines so far
     const size_t kChunk = 64 * 1024;
     std::unique_ptr<char[]> buffer(new char[kChunk]);
     while (line < 4) {

@@ -13,9 +13,9 @@ struct UpdateFileInfo {
 };
 
 enum class UpdateFileRead {
-    Read,        // four lines were there
-    Unreadable,  // cannot be opened or read, or fewer than four lines
-    TooLong,     // the first four lines, line feeds included, exceed kUpdateFileHeadLimit bytes
+    Read,       // four lines were there
+    Unreadable, // cannot be opened or read, or fewer than four lines
+    TooLong,    // the first four lines, line feeds included, exceed kUpdateFileHeadLimit bytes
 };
 
 // The file comes from an engines kit on disk: only its first four lines are looked at, and only

@@ -6,7 +6,9 @@
 #include "sdk/QvBase.h"
 #include "sdk/StringT.h"
 
-namespace qv { namespace kxsdk { namespace AntivirusScan {
+namespace qv {
+namespace kxsdk {
+namespace AntivirusScan {
 
 enum ScanType : uint32_t { RemoteOnly = 0, Light = 1, Full = 2 };
 
@@ -47,25 +49,25 @@ struct IAntivirusScan {
     virtual DWORD UnregisterScanEvents(IScanEvents* sink) = 0;         // slot 4
     virtual DWORD UnregisterSettingsEvents(ISettingsEvents* sink) = 0; // slot 5
     // Out-pointers must not be null (87).
-    virtual DWORD GetScanType(ScanType* type) = 0;                     // slot 6
+    virtual DWORD GetScanType(ScanType* type) = 0;                         // slot 6
     virtual DWORD GetScanModes(ScanMode* primary, ScanMode* fallback) = 0; // slot 7
-    virtual DWORD EnableBackup(bool status) = 0;                       // slot 8
-    virtual DWORD IsBackupEnabled(bool* enabled) = 0;                  // slot 9
-    virtual DWORD GetEnginesVersion(qv::StringW* version) = 0;         // slot 10
-    virtual DWORD GetSignaturesCount(uint64_t* count) = 0;             // slot 11
+    virtual DWORD EnableBackup(bool status) = 0;                           // slot 8
+    virtual DWORD IsBackupEnabled(bool* enabled) = 0;                      // slot 9
+    virtual DWORD GetEnginesVersion(qv::StringW* version) = 0;             // slot 10
+    virtual DWORD GetSignaturesCount(uint64_t* count) = 0;                 // slot 11
     // Feature locks are kept in the module's settings beside its own keys, a "/" in a name being
     // a step down a path. Both refuse with 87 and one error log line, storing, caching and
     // announcing nothing (isLocked is not written), a name that is empty, holds a NUL (the length
     // counts past it), is made of "/" alone, or whose first step (leading "/" skipped) is
     // "enableBackup", "reportHashChain", "reportSignatureInfo" or "engines", such as
     // "engines/folder".
-    virtual DWORD SetFeatureStatus(const qv::StringW& name, bool isLocked) = 0; // slot 12
+    virtual DWORD SetFeatureStatus(const qv::StringW& name, bool isLocked) = 0;  // slot 12
     virtual DWORD GetFeatureStatus(const qv::StringW& name, bool* isLocked) = 0; // slot 13
-    virtual DWORD ReportHashChain(const HashChainSettings& settings) = 0; // slot 14
-    virtual DWORD GetHashChainSettings(HashChainSettings* settings) = 0;  // slot 15
-    virtual DWORD ReportSignatureInfo(bool enabled) = 0;               // slot 16
-    virtual DWORD IsSignatureInfoReported(bool* enabled) = 0;          // slot 17
-    virtual ~IAntivirusScan() = default;                               // slot 18
+    virtual DWORD ReportHashChain(const HashChainSettings& settings) = 0;        // slot 14
+    virtual DWORD GetHashChainSettings(HashChainSettings* settings) = 0;         // slot 15
+    virtual DWORD ReportSignatureInfo(bool enabled) = 0;                         // slot 16
+    virtual DWORD IsSignatureInfoReported(bool* enabled) = 0;                    // slot 17
+    virtual ~IAntivirusScan() = default;                                         // slot 18
 };
 
 constexpr DWORD kRecoveryInProgress = 0x8004D082; // XACT_E_RECOVERYINPROGRESS
@@ -94,12 +96,18 @@ enum Scan {
 };
 } // namespace slots
 
-}}} // namespace qv::kxsdk::AntivirusScan
+} // namespace AntivirusScan
+} // namespace kxsdk
+} // namespace qv
 
-namespace qv { namespace kxsdk { namespace ids {
+namespace qv {
+namespace kxsdk {
+namespace ids {
 // The IAntivirusScan face of the AntivirusScan object.
 constexpr GUID kAntivirusScanFaceId = MakeInterfaceId(0x8BD9C31D0510F31Aull, 0x51CEB7407EDE4363ull);
-}}} // namespace qv::kxsdk::ids
+} // namespace ids
+} // namespace kxsdk
+} // namespace qv
 
 #if QV_SDK_CHECK_LAYOUT
 static_assert(sizeof(qv::kxsdk::AntivirusScan::ScanType) == 4, "scan type");

@@ -8,6 +8,10 @@ struct ICtcUpdate {
     virtual DWORD GetStatus(uint32_t* status) = 0;
 };
 
-namespace qv { namespace kxsdk { namespace ids {
+namespace qv {
+namespace kxsdk {
+namespace ids {
 constexpr GUID kCtcId = MakeInterfaceId(0x9BB34F4A24F25A8Cull, 0x1164EB8B868244DDull);
-}}} // namespace qv::kxsdk::ids
+}
+} // namespace kxsdk
+} // namespace qv

@@ -10,17 +10,17 @@
 
 struct IKXSettingsSection {
     // Each get returns false when the key is absent or holds another JSON type, leaving out as is.
-    virtual bool GetValue(const wchar_t* key, Json::Value& out) = 0;          // slot 0
-    virtual bool GetBool(const wchar_t* key, bool& out) = 0;                  // slot 1
-    virtual bool GetUInt(const wchar_t* key, uint32_t& out) = 0;              // slot 2
+    virtual bool GetValue(const wchar_t* key, Json::Value& out) = 0; // slot 0
+    virtual bool GetBool(const wchar_t* key, bool& out) = 0;         // slot 1
+    virtual bool GetUInt(const wchar_t* key, uint32_t& out) = 0;     // slot 2
     // Strings are exchanged as UTF-8, as the store keeps them.
-    virtual bool GetString(const wchar_t* key, std::string& out) = 0;         // slot 3
-    virtual bool SetValue(const wchar_t* key, const Json::Value& value) = 0;  // slot 4
-    virtual bool SetBool(const wchar_t* key, bool value) = 0;                 // slot 5
-    virtual bool SetUInt(const wchar_t* key, uint32_t value) = 0;             // slot 6
-    virtual bool SetString(const wchar_t* key, const wchar_t* value) = 0;     // slot 7
+    virtual bool GetString(const wchar_t* key, std::string& out) = 0;        // slot 3
+    virtual bool SetValue(const wchar_t* key, const Json::Value& value) = 0; // slot 4
+    virtual bool SetBool(const wchar_t* key, bool value) = 0;                // slot 5
+    virtual bool SetUInt(const wchar_t* key, uint32_t value) = 0;            // slot 6
+    virtual bool SetString(const wchar_t* key, const wchar_t* value) = 0;    // slot 7
     // Gives the section object back; it must not be used afterwards.
-    virtual void Release() = 0;                                               // slot 8
+    virtual void Release() = 0; // slot 8
 };
 
 struct IKXSettings {
@@ -29,6 +29,10 @@ struct IKXSettings {
                                             uint32_t reserved3) = 0;
 };
 
-namespace qv { namespace kxsdk { namespace ids {
+namespace qv {
+namespace kxsdk {
+namespace ids {
 constexpr GUID kSettingsId = MakeInterfaceId(0xA7437BACBCFD0D41ull, 0xA1A3677FC7A64ED6ull);
-}}} // namespace qv::kxsdk::ids
+}
+} // namespace kxsdk
+} // namespace qv

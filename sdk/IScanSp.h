@@ -20,14 +20,22 @@ struct IScanSp {
     virtual void ReleaseInterface(void* object) = 0;
 };
 
-namespace qv { namespace kxsdk { namespace scansp {
+namespace qv {
+namespace kxsdk {
+namespace scansp {
 constexpr uint32_t kOptionBackup = 9;
 constexpr uint32_t kOptionSilentSubmitDump = 6001;
 constexpr uint32_t kOptionSilentSubmitDefaultAction = 6002;
 // {840BC59B-90C4-A238-9049-76B0CBDE3FD0}
 constexpr GUID kCrashHandlerId = {0x840BC59B, 0x90C4, 0xA238, {0x90, 0x49, 0x76, 0xB0, 0xCB, 0xDE, 0x3F, 0xD0}};
-}}} // namespace qv::kxsdk::scansp
+} // namespace scansp
+} // namespace kxsdk
+} // namespace qv
 
-namespace qv { namespace kxsdk { namespace ids {
+namespace qv {
+namespace kxsdk {
+namespace ids {
 constexpr GUID kScanSpId = MakeInterfaceId(0x941E8A629E28D4D6ull, 0xADE5B3C84B7443B4ull);
-}}} // namespace qv::kxsdk::ids
+}
+} // namespace kxsdk
+} // namespace qv

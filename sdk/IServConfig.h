@@ -17,14 +17,22 @@ struct IServConfig {
     virtual const wchar_t* GetText(int32_t category, const wchar_t* name) = 0;
 };
 
-namespace qv { namespace kxsdk { namespace config {
+namespace qv {
+namespace kxsdk {
+namespace config {
 // (category, name) pairs this plug-in reads.
-constexpr int32_t kScanTypeCategory = 51;       // "BASE": "full", "light" or "remote"
-constexpr int32_t kCoreTempCategory = 17;       // "scansp": the provider's core temp folder
-constexpr int32_t kEnginesFolderCategory = 2;   // "scansp": the provider's engines folder
-constexpr int32_t kFoldersCategory = 0;         // "signaturesPatterns", "common"
-}}} // namespace qv::kxsdk::config
+constexpr int32_t kScanTypeCategory = 51;     // "BASE": "full", "light" or "remote"
+constexpr int32_t kCoreTempCategory = 17;     // "scansp": the provider's core temp folder
+constexpr int32_t kEnginesFolderCategory = 2; // "scansp": the provider's engines folder
+constexpr int32_t kFoldersCategory = 0;       // "signaturesPatterns", "common"
+} // namespace config
+} // namespace kxsdk
+} // namespace qv
 
-namespace qv { namespace kxsdk { namespace ids {
+namespace qv {
+namespace kxsdk {
+namespace ids {
 constexpr GUID kServConfigId = MakeInterfaceId(0x666B97245666C9D0ull, 0xF666C93D61084666ull);
-}}} // namespace qv::kxsdk::ids
+}
+} // namespace kxsdk
+} // namespace qv

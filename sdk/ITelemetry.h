@@ -13,8 +13,12 @@ struct ITelemetry {
 };
 } // namespace Telemetry
 
-namespace qv { namespace kxsdk { namespace ids {
+namespace qv {
+namespace kxsdk {
+namespace ids {
 // "872DA2C0-CDA8-4CEF-8348-02768709E306": the last two groups form the first half, the first
 // three groups the second half.
 constexpr GUID kTelemetryId = MakeInterfaceId(0x834802768709E306ull, 0x872DA2C0CDA84CEFull);
-}}} // namespace qv::kxsdk::ids
+} // namespace ids
+} // namespace kxsdk
+} // namespace qv

@@ -9,7 +9,9 @@
 #include "sdk/QvMap.h"
 #include "sdk/StringT.h"
 
-namespace qv { namespace kxsdk { namespace Update {
+namespace qv {
+namespace kxsdk {
+namespace Update {
 
 // IEvents names differ from those of IRemoteScan::IEvents on purpose: one object implements both
 // faces, and a shared name would let one override answer both interfaces.
@@ -69,33 +71,33 @@ struct IUpdate {
         virtual DWORD OnComponentFailed(const ComponentInfo& info, DWORD error) = 0; // slot 6
         // Slot 7: a component was installed; for "Antivirus" enginesPath is the new engines folder.
         virtual DWORD OnComponentInstalled(const ComponentInfo& info, const wchar_t* enginesPath) = 0;
-        virtual DWORD OnComponentRolledBack(const ComponentInfo& info) = 0;          // slot 8
-        virtual DWORD OnRestartRequired(uint32_t reason) = 0;                        // slot 9
-        virtual DWORD OnUpdateSettingsChanged() = 0;                                 // slot 10
-        virtual DWORD OnScheduleChanged() = 0;                                       // slot 11
-        virtual DWORD OnLicenseChanged() = 0;                                        // slot 12
-        virtual DWORD OnProxyChanged() = 0;                                          // slot 13
-        virtual DWORD OnServiceStopping() = 0;                                       // slot 14
+        virtual DWORD OnComponentRolledBack(const ComponentInfo& info) = 0; // slot 8
+        virtual DWORD OnRestartRequired(uint32_t reason) = 0;               // slot 9
+        virtual DWORD OnUpdateSettingsChanged() = 0;                        // slot 10
+        virtual DWORD OnScheduleChanged() = 0;                              // slot 11
+        virtual DWORD OnLicenseChanged() = 0;                               // slot 12
+        virtual DWORD OnProxyChanged() = 0;                                 // slot 13
+        virtual DWORD OnServiceStopping() = 0;                              // slot 14
     };
 
-    virtual DWORD GetStatistics(Statistics* statistics) = 0;                          // slot 0
-    virtual DWORD GetUpdateSettings(UpdateSettings* settings) = 0;                    // slot 1
-    virtual DWORD StartUpdate(const UpdateRequest& request, uint32_t* status) = 0;    // slot 2
-    virtual DWORD RestartService(uint32_t value, const wchar_t* serviceName) = 0;     // slot 3
-    virtual DWORD StopUpdate() = 0;                                                   // slot 4
-    virtual DWORD IsUpdateRunning(bool* running) = 0;                                 // slot 5
-    virtual DWORD SetUpdateSettings(const UpdateSettings& settings) = 0;              // slot 6
-    virtual DWORD GetLastResult(DWORD* error) = 0;                                    // slot 7
-    virtual DWORD GetLastUpdateTime(uint64_t* time) = 0;                              // slot 8
+    virtual DWORD GetStatistics(Statistics* statistics) = 0;                               // slot 0
+    virtual DWORD GetUpdateSettings(UpdateSettings* settings) = 0;                         // slot 1
+    virtual DWORD StartUpdate(const UpdateRequest& request, uint32_t* status) = 0;         // slot 2
+    virtual DWORD RestartService(uint32_t value, const wchar_t* serviceName) = 0;          // slot 3
+    virtual DWORD StopUpdate() = 0;                                                        // slot 4
+    virtual DWORD IsUpdateRunning(bool* running) = 0;                                      // slot 5
+    virtual DWORD SetUpdateSettings(const UpdateSettings& settings) = 0;                   // slot 6
+    virtual DWORD GetLastResult(DWORD* error) = 0;                                         // slot 7
+    virtual DWORD GetLastUpdateTime(uint64_t* time) = 0;                                   // slot 8
     virtual DWORD GetComponentVersion(const wchar_t* component, qv::StringW* version) = 0; // slot 9
-    virtual DWORD ScheduleUpdate(uint32_t minutes) = 0;                               // slot 10
-    virtual DWORD CancelSchedule() = 0;                                               // slot 11
-    virtual DWORD Rollback(const wchar_t* component) = 0;                             // slot 12
-    virtual DWORD GetDownloadProgress(uint32_t* percent) = 0;                         // slot 13
-    virtual DWORD VerifyComponent(const wchar_t* component) = 0;                      // slot 14
-    virtual DWORD GetUpdateServer(qv::StringW* server) = 0;                           // slot 15
-    virtual DWORD SetLicense(const wchar_t* license) = 0;                             // slot 16
-    virtual DWORD Flush() = 0;                                                        // slot 17
+    virtual DWORD ScheduleUpdate(uint32_t minutes) = 0;                                    // slot 10
+    virtual DWORD CancelSchedule() = 0;                                                    // slot 11
+    virtual DWORD Rollback(const wchar_t* component) = 0;                                  // slot 12
+    virtual DWORD GetDownloadProgress(uint32_t* percent) = 0;                              // slot 13
+    virtual DWORD VerifyComponent(const wchar_t* component) = 0;                           // slot 14
+    virtual DWORD GetUpdateServer(qv::StringW* server) = 0;                                // slot 15
+    virtual DWORD SetLicense(const wchar_t* license) = 0;                                  // slot 16
+    virtual DWORD Flush() = 0;                                                             // slot 17
     // Slots 18 and 19: event registration. The plug-in passes 0 and "" as the last two arguments.
     virtual DWORD RegisterEvents(IEvents* sink, uint32_t reserved, const char* filter) = 0;
     virtual DWORD UnregisterEvents(IEvents* sink, uint32_t reserved, const char* filter) = 0;
@@ -106,17 +108,26 @@ namespace slots {
 constexpr int kOnComponentInstalled = 7;
 } // namespace slots
 
-}}} // namespace qv::kxsdk::Update
+} // namespace Update
+} // namespace kxsdk
+} // namespace qv
 
-namespace qv { namespace kxsdk { namespace ids {
+namespace qv {
+namespace kxsdk {
+namespace ids {
 constexpr GUID kUpdateId = MakeInterfaceId(0xBBEE167D7F70900Dull, 0x0EADD2510D2D4B63ull);
-}}} // namespace qv::kxsdk::ids
+}
+} // namespace kxsdk
+} // namespace qv
 
 #if QV_SDK_CHECK_LAYOUT
 // Every struct of this interface, and the containers with their nodes and enumerators, as both
 // plug-ins lay them out. Map holds a std::vector of 24 bytes: an MSVC build with iterator
 // debugging has a larger one and fails here, as it could not exchange Statistics with a release.
-namespace qv { namespace kxsdk { namespace Update { namespace layout {
+namespace qv {
+namespace kxsdk {
+namespace Update {
+namespace layout {
 using Proxy = IUpdate::Proxy;
 using Location = IUpdate::Location;
 using SignatureStatistics = IUpdate::SignatureStatistics;
@@ -151,8 +162,7 @@ static_assert(sizeof(LocationNode) == 32 && offsetof(LocationNode, value) == 16,
 static_assert(sizeof(qv::ListEnum<Proxy>) == 24 && sizeof(qv::ConstListEnum<Proxy>) == 24, "list enumerators");
 // Map: slot table, sentinel, 64-bit count, bucket array.
 static_assert(sizeof(SignatureMap) == 56, "Map");
-static_assert(sizeof(SignatureNode) == 40 && offsetof(SignatureNode, key) == 16 &&
-                  offsetof(SignatureNode, value) == 24,
+static_assert(sizeof(SignatureNode) == 40 && offsetof(SignatureNode, key) == 16 && offsetof(SignatureNode, value) == 24,
               "MapNode");
 static_assert(sizeof(qv::Enum<qv::StringW, SignatureStatistics>) == 24, "Enum");
 static_assert(sizeof(qv::ConstEnum<qv::StringW, SignatureStatistics>) == 24, "ConstEnum");
@@ -173,5 +183,8 @@ static_assert(offsetof(UpdateRequest, requester) == 0 && offsetof(UpdateRequest,
                   offsetof(UpdateRequest, signaturesOnly) == 93,
               "IUpdate::UpdateRequest");
 QV_SDK_LAYOUT_CHECKS_END
-}}}} // namespace qv::kxsdk::Update::layout
+} // namespace layout
+} // namespace Update
+} // namespace kxsdk
+} // namespace qv
 #endif

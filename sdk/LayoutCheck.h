@@ -14,7 +14,7 @@
 // A struct that holds a List or a Map is not standard-layout (the containers have virtual slots),
 // and offsetof on it is conditionally supported: g++ and MSVC support it, g++ warns all the same.
 #if defined(__GNUC__)
-#define QV_SDK_LAYOUT_CHECKS_BEGIN \
+#define QV_SDK_LAYOUT_CHECKS_BEGIN                                                                                     \
     _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Winvalid-offsetof\"")
 #define QV_SDK_LAYOUT_CHECKS_END _Pragma("GCC diagnostic pop")
 #else

@@ -2,7 +2,9 @@
 // Names under which the host's component manager serves each plug-in. The interface ids stand
 // beside their interfaces (sdk/I*.h, and sdk/QvBase.h for the lifecycle faces).
 
-namespace qv { namespace kxsdk { namespace ids {
+namespace qv {
+namespace kxsdk {
+namespace ids {
 
 constexpr const wchar_t* kServConfigName = L"productinfo";
 constexpr const wchar_t* kSettingsName = L"KXSettings";
@@ -13,4 +15,6 @@ constexpr const wchar_t* kScanSpName = L"scansp";
 constexpr const wchar_t* kTelemetryName = L"Product.Matrix";
 constexpr const wchar_t* kAntivirusScanObjectName = L"AntivirusScan";
 
-}}} // namespace qv::kxsdk::ids
+} // namespace ids
+} // namespace kxsdk
+} // namespace qv

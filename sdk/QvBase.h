@@ -64,7 +64,8 @@ struct IDelayedServPlugin : IServPlugin {
     virtual DWORD DelayedStart() = 0;
 };
 
-namespace qv { namespace kxsdk {
+namespace qv {
+namespace kxsdk {
 
 // Faces of the AntivirusScan object that share one pointer: IQvBaseInterface, IServPlugin and
 // IDelayedServPlugin. kPrimaryFaceId is the one that creating the object uses.
@@ -80,4 +81,5 @@ namespace slots {
 enum Lifecycle { kQueryInterface = 0, kInit = 1, kUnInit = 2, kStart = 3, kStop = 4, kDelayedStart = 5 };
 } // namespace slots
 
-}} // namespace qv::kxsdk
+} // namespace kxsdk
+} // namespace qv

@@ -22,10 +22,8 @@ struct ListLink {
 static_assert(sizeof(ListLink) == 16 && offsetof(ListLink, next) == 0 && offsetof(ListLink, prev) == 8, "ListLink");
 #endif
 
-template <class T>
-struct ListNode : ListLink {
-    template <class U>
-    explicit ListNode(U&& v) : ListLink{nullptr, nullptr}, value(std::forward<U>(v)) {}
+template <class T> struct ListNode : ListLink {
+    template <class U> explicit ListNode(U&& v) : ListLink{nullptr, nullptr}, value(std::forward<U>(v)) {}
     T value;
 };
 
@@ -33,8 +31,7 @@ template <class T> class List;
 
 // Enumerator over a list: the list's sentinel and the current position. Created by the list on
 // the heap; callers give it back with Release.
-template <class T>
-class ListEnum {
+template <class T> class ListEnum {
 public:
     using Node = ListNode<T>;
 
@@ -50,9 +47,7 @@ public:
         pos_ = pos_->next;
         return static_cast<Node*>(cur);
     }
-    /* 2 */ virtual T* Current() {
-        return pos_ == sentinel_ ? nullptr : &static_cast<Node*>(pos_)->value;
-    }
+    /* 2 */ virtual T* Current() { return pos_ == sentinel_ ? nullptr : &static_cast<Node*>(pos_)->value; }
     /* 3 */ virtual void Release() { delete this; }
     /* 4 */ virtual void SetPosition(ListLink* position) { pos_ = position; }
     /* 5 */ virtual ~ListEnum() = default;
@@ -63,13 +58,11 @@ private:
     ListLink* pos_;
 };
 
-template <class T>
-class ConstListEnum {
+template <class T> class ConstListEnum {
 public:
     using Node = ListNode<T>;
 
-    ConstListEnum(const ListLink* sentinel, const ListLink* position)
-        : sentinel_(sentinel), pos_(position) {}
+    ConstListEnum(const ListLink* sentinel, const ListLink* position) : sentinel_(sentinel), pos_(position) {}
     ConstListEnum(const ConstListEnum&) = delete;
     ConstListEnum& operator=(const ConstListEnum&) = delete;
 
@@ -93,8 +86,7 @@ private:
 };
 
 // Doubly linked list with a sentinel and a 64-bit count.
-template <class T>
-class List {
+template <class T> class List {
 public:
     using Node = ListNode<T>;
     static constexpr uint32_t kNotFound = 1168;
@@ -131,9 +123,7 @@ public:
     /* 2 */ virtual const T* LastConst() const {
         return count_ ? &static_cast<const Node*>(sentinel_.prev)->value : nullptr;
     }
-    /* 3 */ virtual T* Last() {
-        return count_ ? &static_cast<Node*>(sentinel_.prev)->value : nullptr;
-    }
+    /* 3 */ virtual T* Last() { return count_ ? &static_cast<Node*>(sentinel_.prev)->value : nullptr; }
     /* 4 */ virtual uint32_t GetLast(T& out) const {
         if (!count_) return kNotFound;
         out = static_cast<const Node*>(sentinel_.prev)->value;
@@ -142,9 +132,7 @@ public:
     /* 5 */ virtual const T* FirstConst() const {
         return count_ ? &static_cast<const Node*>(sentinel_.next)->value : nullptr;
     }
-    /* 6 */ virtual T* First() {
-        return count_ ? &static_cast<Node*>(sentinel_.next)->value : nullptr;
-    }
+    /* 6 */ virtual T* First() { return count_ ? &static_cast<Node*>(sentinel_.next)->value : nullptr; }
     /* 7 */ virtual uint32_t GetFirst(T& out) const {
         if (!count_) return kNotFound;
         out = static_cast<const Node*>(sentinel_.next)->value;
@@ -172,8 +160,7 @@ public:
 
     // Plain in-process iteration for the plug-in's own code.
     template <class F> void ForEach(F&& f) const {
-        for (const ListLink* p = sentinel_.next; p != &sentinel_; p = p->next)
-            f(static_cast<const Node*>(p)->value);
+        for (const ListLink* p = sentinel_.next; p != &sentinel_; p = p->next) f(static_cast<const Node*>(p)->value);
     }
 
 private:

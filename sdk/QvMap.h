@@ -22,8 +22,9 @@ inline uint64_t MapKeyHash(const StringW& key) noexcept {
     const size_t n = key.Length();
     size_t i = 0;
     for (; i + 4 <= n; i += 4) {
-        h = h * 1185921u + static_cast<uint16_t>(s[i]) * uint64_t{35937} + static_cast<uint16_t>(s[i + 1]) * uint64_t{1089} +
-            static_cast<uint16_t>(s[i + 2]) * uint64_t{33} + static_cast<uint16_t>(s[i + 3]);
+        h = h * 1185921u + static_cast<uint16_t>(s[i]) * uint64_t{35937} +
+            static_cast<uint16_t>(s[i + 1]) * uint64_t{1089} + static_cast<uint16_t>(s[i + 2]) * uint64_t{33} +
+            static_cast<uint16_t>(s[i + 3]);
     }
     for (; i < n; ++i) h = h * 33 + static_cast<uint16_t>(s[i]);
     return h;
@@ -49,8 +50,7 @@ struct MapLink {
 static_assert(sizeof(MapLink) == 16 && offsetof(MapLink, next) == 0 && offsetof(MapLink, prev) == 8, "MapLink");
 #endif
 
-template <class K, class V>
-struct MapNode : MapLink {
+template <class K, class V> struct MapNode : MapLink {
     MapNode(const K& k, const V& v) : MapLink{nullptr, nullptr}, key(k), value(v) {}
     K key;
     V value;
@@ -58,8 +58,7 @@ struct MapNode : MapLink {
 
 template <class K, class V> class Map;
 
-template <class K, class V>
-class Enum {
+template <class K, class V> class Enum {
 public:
     using Node = MapNode<K, V>;
 
@@ -75,12 +74,8 @@ public:
         pos_ = pos_->next;
         return static_cast<Node*>(cur);
     }
-    /* 2 */ virtual V* Value() {
-        return pos_ == sentinel_ ? nullptr : &static_cast<Node*>(pos_)->value;
-    }
-    /* 3 */ virtual const K* Key() const {
-        return pos_ == sentinel_ ? nullptr : &static_cast<const Node*>(pos_)->key;
-    }
+    /* 2 */ virtual V* Value() { return pos_ == sentinel_ ? nullptr : &static_cast<Node*>(pos_)->value; }
+    /* 3 */ virtual const K* Key() const { return pos_ == sentinel_ ? nullptr : &static_cast<const Node*>(pos_)->key; }
     /* 4 */ virtual void Release() { delete this; }
     /* 5 */ virtual void SetPosition(MapLink* position) { pos_ = position; }
     /* 6 */ virtual ~Enum() = default;
@@ -92,8 +87,7 @@ private:
 };
 
 // Key and value sit in the opposite slots from Enum: that order is part of the interface.
-template <class K, class V>
-class ConstEnum {
+template <class K, class V> class ConstEnum {
 public:
     using Node = MapNode<K, V>;
 
@@ -108,9 +102,7 @@ public:
         pos_ = pos_->next;
         return static_cast<const Node*>(cur);
     }
-    /* 2 */ virtual const K* Key() const {
-        return pos_ == sentinel_ ? nullptr : &static_cast<const Node*>(pos_)->key;
-    }
+    /* 2 */ virtual const K* Key() const { return pos_ == sentinel_ ? nullptr : &static_cast<const Node*>(pos_)->key; }
     /* 3 */ virtual const V* Value() const {
         return pos_ == sentinel_ ? nullptr : &static_cast<const Node*>(pos_)->value;
     }
@@ -125,8 +117,7 @@ private:
 
 // Nodes live in one list; the nodes of a bucket are kept next to each other, and each bucket
 // records its first and last node.
-template <class K, class V>
-class Map {
+template <class K, class V> class Map {
 public:
     using Node = MapNode<K, V>;
     static constexpr uint32_t kNotFound = 1168;
@@ -192,9 +183,7 @@ public:
     }
     /* 5 */ virtual uint32_t Contains(const K& key) const { return FindNode(key) ? 0 : kNotFound; }
     /* 6 */ virtual Enum<K, V>* Enumerate() { return new Enum<K, V>(&sentinel_, sentinel_.next); }
-    /* 7 */ virtual ConstEnum<K, V>* EnumerateConst() const {
-        return new ConstEnum<K, V>(&sentinel_, sentinel_.next);
-    }
+    /* 7 */ virtual ConstEnum<K, V>* EnumerateConst() const { return new ConstEnum<K, V>(&sentinel_, sentinel_.next); }
     /* 8 */ virtual void Clear() {
         FreeNodes();
         Reset();
@@ -221,9 +210,7 @@ private:
         sentinel_.prev = &sentinel_;
         count_ = 0;
     }
-    size_t BucketOf(const K& key) const {
-        return static_cast<size_t>(MapKeyHash(key) & (buckets_.size() - 1));
-    }
+    size_t BucketOf(const K& key) const { return static_cast<size_t>(MapKeyHash(key) & (buckets_.size() - 1)); }
     Node* FindNode(const K& key) const {
         const Bucket& b = buckets_[BucketOf(key)];
         if (!b.first) return nullptr;

@@ -38,8 +38,7 @@ template <> struct ChTraitsCRT<wchar_t> {
 
 template <class Ch, class Mgr, class Traits, int Flags> class StringT;
 
-template <>
-class StringT<wchar_t, StringMemMgr, ChTraitsCRT<wchar_t>, 1> {
+template <> class StringT<wchar_t, StringMemMgr, ChTraitsCRT<wchar_t>, 1> {
 public:
     static constexpr size_t npos = static_cast<size_t>(-1);
     static constexpr uint32_t kGuard = 0x0000ABCD;
@@ -118,7 +117,10 @@ public:
     int Compare(const wchar_t* other) const;
     int CompareNoCase(const wchar_t* other) const;
     bool EqualsNoCase(const wchar_t* other) const { return CompareNoCase(other) == 0; }
-    bool EndsWith(wchar_t ch) const { size_t n = Length(); return n && p_[n - 1] == ch; }
+    bool EndsWith(wchar_t ch) const {
+        size_t n = Length();
+        return n && p_[n - 1] == ch;
+    }
 
     // Terminates the process if a guard word is broken. Inline: it runs before nearly every use.
     void CheckValid() const {
@@ -164,8 +166,8 @@ static_assert(sizeof(StringW::kGuard) == 4, "string block guard word");
 static_assert(sizeof(wchar_t) == 2, "UTF-16 code units");
 static_assert(sizeof(StringW) == 8, "a string is one pointer");
 static_assert(StringW::kFirstGuardOffset == 0 && StringW::kHeaderPointerOffset == 4 &&
-                  StringW::kSecondGuardOffset == 12 && StringW::kCharsOffset == 16 &&
-                  StringW::kBlockOverhead == 22 && StringW::TrailingGuardOffset(64) == 146,
+                  StringW::kSecondGuardOffset == 12 && StringW::kCharsOffset == 16 && StringW::kBlockOverhead == 22 &&
+                  StringW::TrailingGuardOffset(64) == 146,
               "string block offsets");
 static_assert(sizeof(StringW::Header) == 40, "string header");
 static_assert(offsetof(StringW::Header, manager) == 0, "string header");

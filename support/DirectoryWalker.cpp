@@ -1,6 +1,7 @@
 #include "support/DirectoryWalker.h"
 
-namespace qv { namespace file {
+namespace qv {
+namespace file {
 
 namespace {
 constexpr size_t kBufferBytes = 16 * 1024;
@@ -17,7 +18,8 @@ bool DirectoryWalker::Fill() {
     if (done) return false;
     // The first batch restarts the listing: a handle listed before (to check who sits in it)
     // is listed whole again.
-    const FILE_INFO_BY_HANDLE_CLASS batch = current || started ? FileIdBothDirectoryInfo : FileIdBothDirectoryRestartInfo;
+    const FILE_INFO_BY_HANDLE_CLASS batch =
+        current || started ? FileIdBothDirectoryInfo : FileIdBothDirectoryRestartInfo;
     started = true;
     if (!GetFileInformationByHandleEx(folder, batch, buffer.get(), kBufferBytes)) {
         const DWORD last = GetLastError();
@@ -47,4 +49,5 @@ bool DirectoryWalker::Next() {
     }
 }
 
-}} // namespace qv::file
+} // namespace file
+} // namespace qv

@@ -7,7 +7,8 @@
 #include <memory>
 #include <string>
 
-namespace qv { namespace file {
+namespace qv {
+namespace file {
 
 class DirectoryWalker {
 public:
@@ -29,7 +30,7 @@ private:
     bool Fill();
 
     HANDLE folder;
-    std::unique_ptr<LONGLONG[]> buffer;  // LONGLONG: the records hold 64-bit fields
+    std::unique_ptr<LONGLONG[]> buffer; // LONGLONG: the records hold 64-bit fields
     const FILE_ID_BOTH_DIR_INFO* current = nullptr;
     bool done = false;
     bool started = false;
@@ -39,4 +40,5 @@ private:
     LONGLONG fileId = 0;
 };
 
-}} // namespace qv::file
+} // namespace file
+} // namespace qv

@@ -8,7 +8,8 @@
 // Start of the module this code is linked into (the plug-in, or a test program).
 extern "C" IMAGE_DOS_HEADER __ImageBase;
 
-namespace qv { namespace file {
+namespace qv {
+namespace file {
 
 namespace {
 
@@ -108,4 +109,5 @@ bool DeleteFolderTree(const wchar_t* path) {
     return DeleteFolderNamed(base, parent, name.c_str(), name.Length(), nullptr) == EntryResult::Done;
 }
 
-}} // namespace qv::file
+} // namespace file
+} // namespace qv

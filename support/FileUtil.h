@@ -3,7 +3,8 @@
 // logs, so the helpers can be used by the logging code itself.
 #include "sdk/StringT.h"
 
-namespace qv { namespace file {
+namespace qv {
+namespace file {
 
 // PathRemoveBackslashW in place.
 void RemoveBackslash(StringW& path);
@@ -21,4 +22,5 @@ bool CreateFolderTree(const wchar_t* path);
 // through it, the link stays and the result is false.
 bool DeleteFolderTree(const wchar_t* path);
 
-}} // namespace qv::file
+} // namespace file
+} // namespace qv

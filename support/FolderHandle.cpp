@@ -7,7 +7,8 @@
 #include <atomic>
 #include <memory>
 
-namespace qv { namespace file {
+namespace qv {
+namespace file {
 
 namespace {
 
@@ -63,8 +64,8 @@ bool NamesChild(HANDLE child, const StringW& parent, const wchar_t* name, size_t
         CSTR_EQUAL)
         return false;
     if (!separated && real[prefix++] != L'\\') return false;
-    return CompareStringOrdinal(real.c_str() + prefix, static_cast<int>(length), name, static_cast<int>(length), TRUE) ==
-           CSTR_EQUAL;
+    return CompareStringOrdinal(real.c_str() + prefix, static_cast<int>(length), name, static_cast<int>(length),
+                                TRUE) == CSTR_EQUAL;
 }
 
 // True when the open handle is the entry the parent's listing showed. Wine 8 resolves a link
@@ -134,7 +135,7 @@ bool SitsIn(HANDLE child, HANDLE parent) {
             return entry->FileId.QuadPart == IdOf(parent);
         if (!entry->NextEntryOffset) return false;
         entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(reinterpret_cast<const char*>(entry) +
-                                                              entry->NextEntryOffset);
+                                                               entry->NextEntryOffset);
     }
 }
 
@@ -237,7 +238,7 @@ EntryResult DeleteChild(const FolderHandle& parent, const StringW& parentPath, c
         FolderHandle child;
         DWORD error = ERROR_SUCCESS;
         const EntryResult opened = parent.OpenChild(name, length, fileId, child, error, true);
-        if (opened == EntryResult::Absent) return EntryResult::Done;  // gone meanwhile
+        if (opened == EntryResult::Absent) return EntryResult::Done; // gone meanwhile
         if (opened != EntryResult::Done || !child.IsOpen()) return opened == EntryResult::NotFollowed ? kept() : opened;
         EntryResult result = EntryResult::Done;
         if (depth >= kMaxDepth) return EntryResult::Failed;
@@ -261,8 +262,7 @@ EntryResult DeleteChild(const FolderHandle& parent, const StringW& parentPath, c
     // opened within the folder the handle holds; the file's own identity is not asked again here,
     // entry by entry, as that query alone would make a large clean several times slower.
     StringW real;
-    if (!NamesChild(file.Get(), parent.RealName(), name, length, real))
-        return kept();
+    if (!NamesChild(file.Get(), parent.RealName(), name, length, real)) return kept();
     return DeleteByHandle(file.Get(), true) == ERROR_SUCCESS ? EntryResult::Done : EntryResult::Failed;
 }
 
@@ -274,8 +274,8 @@ EntryResult DeleteTree(const FolderHandle& folder, const StringW& path, const Ke
     DirectoryWalker walker(folder.Get());
     while (walker.Next()) {
         const std::wstring& name = walker.Name();
-        merge(DeleteChild(folder, path, name.c_str(), name.size(), walker.IsDirectory(), walker.FileId(), onKept,
-                          depth));
+        merge(
+            DeleteChild(folder, path, name.c_str(), name.size(), walker.IsDirectory(), walker.FileId(), onKept, depth));
     }
     if (walker.Error() != ERROR_SUCCESS) merge(EntryResult::Failed);
     return result;
@@ -379,4 +379,5 @@ EntryResult DeleteFolderNamed(const FolderHandle& parent, const StringW& parentP
     return DeleteChild(parent, parentPath, name, length, true, fileId, onKept, 0);
 }
 
-}} // namespace qv::file
+} // namespace file
+} // namespace qv

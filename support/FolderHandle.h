@@ -10,13 +10,14 @@
 
 #include <functional>
 
-namespace qv { namespace file {
+namespace qv {
+namespace file {
 
 enum class EntryResult {
-    Done,         // deleted, created or opened as asked
-    Absent,       // the entry, or a folder on the way to it, does not exist
-    NotFollowed,  // a link (or an entry the platform reached through a link) was left alone
-    Failed        // refused by the file system; the error says why
+    Done,        // deleted, created or opened as asked
+    Absent,      // the entry, or a folder on the way to it, does not exist
+    NotFollowed, // a link (or an entry the platform reached through a link) was left alone
+    Failed       // refused by the file system; the error says why
 };
 
 // Called with the path of every entry kept because it is a link that cannot be removed as one.
@@ -65,4 +66,5 @@ EntryResult DeleteEntry(const FolderHandle& parent, const StringW& parentPath, c
 EntryResult DeleteFolderNamed(const FolderHandle& parent, const StringW& parentPath, const wchar_t* name, size_t length,
                               const KeptEntryFn& onKept);
 
-}} // namespace qv::file
+} // namespace file
+} // namespace qv

@@ -11,11 +11,8 @@ constexpr uint16_t kExitNesting = 0xFFFF;
 
 } // namespace
 
-CFunctionTrace::CFunctionTrace(const wchar_t* name)
-    : start_(timeGetTime())
-{
-    if (name == nullptr)
-        name = L"";
+CFunctionTrace::CFunctionTrace(const wchar_t* name) : start_(timeGetTime()) {
+    if (name == nullptr) name = L"";
     // What wcsncpy_s with truncation gives (at most 257 characters in the title, keeping room
     // for the "()" suffix, and 259 in the function), measured once: this runs on every call.
     const size_t length = wcsnlen(name, 259);
@@ -32,8 +29,7 @@ CFunctionTrace::CFunctionTrace(const wchar_t* name)
     WriteHeld(kEntryNesting, LOG_SEV_INFO, function_, L"-> %s", title_);
 }
 
-CFunctionTrace::~CFunctionTrace()
-{
+CFunctionTrace::~CFunctionTrace() {
     WriteHeld(kExitNesting, LOG_SEV_INFO, function_, L"<- %s [%d]", title_, static_cast<int>(timeGetTime() - start_));
 }
 

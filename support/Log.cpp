@@ -22,62 +22,41 @@ bool g_exitHookSet;
 
 constexpr DWORD kPathCapacity = 32767;
 
-HMODULE ThisModule()
-{
-    return reinterpret_cast<HMODULE>(&__ImageBase);
-}
+HMODULE ThisModule() { return reinterpret_cast<HMODULE>(&__ImageBase); }
 
-HRESULT StubWrite(uint16_t, const uint32_t*, HMODULE, const wchar_t*, const wchar_t*, va_list)
-{
-    return E_NOINTERFACE;
-}
+HRESULT StubWrite(uint16_t, const uint32_t*, HMODULE, const wchar_t*, const wchar_t*, va_list) { return E_NOINTERFACE; }
 
-void* Resolve(HMODULE module, const char* name)
-{
-    return reinterpret_cast<void*>(GetProcAddress(module, name));
-}
+void* Resolve(HMODULE module, const char* name) { return reinterpret_cast<void*>(GetProcAddress(module, name)); }
 
-void CallIfPresent(void* entry)
-{
-    if (entry != nullptr)
-        reinterpret_cast<LogVoidFn>(entry)();
+void CallIfPresent(void* entry) {
+    if (entry != nullptr) reinterpret_cast<LogVoidFn>(entry)();
 }
 
 // Looks for log.dll beside the image that contains this code.
-HMODULE LoadFromOwnFolder()
-{
+HMODULE LoadFromOwnFolder() {
     std::unique_ptr<wchar_t[]> path(new wchar_t[kPathCapacity]());
     DWORD length = GetModuleFileNameW(ThisModule(), path.get(), kPathCapacity);
-    if (length == 0 || length >= kPathCapacity)
-        return nullptr;
+    if (length == 0 || length >= kPathCapacity) return nullptr;
     wchar_t* slash = wcsrchr(path.get(), L'\\');
-    if (slash == nullptr)
-        return nullptr;
+    if (slash == nullptr) return nullptr;
     size_t room = kPathCapacity - static_cast<size_t>(slash - path.get());
-    if (wcscpy_s(slash, room, L"\\log.dll") != 0)
-        return nullptr;
+    if (wcscpy_s(slash, room, L"\\log.dll") != 0) return nullptr;
     return LoadLibraryW(path.get());
 }
 
 // Registered once and deliberately empty: log.dll stays loaded at process exit, because other
 // modules may still write their last lines while the process winds down.
-void OnProcessExit()
-{
-}
+void OnProcessExit() {}
 
 } // namespace
 
 CLogDLL::CLogDLL()
-    : module(), applySettings(nullptr), setSettingsFile(nullptr), enable(nullptr),
-      setLevel(nullptr), setPath(nullptr), setType(nullptr), setMode(nullptr), setMaxSize(nullptr),
-      setDepth(nullptr), write(nullptr), isEnabled(nullptr), monitorSettings(nullptr),
-      uninitDeskMetrics(nullptr), trackEvent(nullptr), trackEventData(nullptr), removeModule(nullptr),
-      getLevel(nullptr)
-{
-    if (!GetModuleHandleExW(0, L"log.dll", module.Put()))
-        module.Reset();
-    if (!module)
-        module.Reset(LoadFromOwnFolder());
+    : module(), applySettings(nullptr), setSettingsFile(nullptr), enable(nullptr), setLevel(nullptr), setPath(nullptr),
+      setType(nullptr), setMode(nullptr), setMaxSize(nullptr), setDepth(nullptr), write(nullptr), isEnabled(nullptr),
+      monitorSettings(nullptr), uninitDeskMetrics(nullptr), trackEvent(nullptr), trackEventData(nullptr),
+      removeModule(nullptr), getLevel(nullptr) {
+    if (!GetModuleHandleExW(0, L"log.dll", module.Put())) module.Reset();
+    if (!module) module.Reset(LoadFromOwnFolder());
     if (!module) {
         write = &StubWrite;
         return;
@@ -103,24 +82,18 @@ CLogDLL::CLogDLL()
     trackEventData = Resolve(module.Get(), "LogTrackEventData");
     removeModule = reinterpret_cast<LogRemoveModuleFn>(Resolve(module.Get(), "LogRemoveModule"));
 
-    if (write == nullptr)
-        write = &StubWrite;
+    if (write == nullptr) write = &StubWrite;
 }
 
 // The module owner unloads the library after this body, last of all.
-CLogDLL::~CLogDLL()
-{
-    if (!module)
-        return;
+CLogDLL::~CLogDLL() {
+    if (!module) return;
     CallIfPresent(Resolve(module.Get(), "LogDeinit"));
-    if (uninitDeskMetrics != nullptr)
-        uninitDeskMetrics();
-    if (removeModule != nullptr)
-        removeModule("logging::CLogDLL::~CLogDLL");
+    if (uninitDeskMetrics != nullptr) uninitDeskMetrics();
+    if (removeModule != nullptr) removeModule("logging::CLogDLL::~CLogDLL");
 }
 
-void CLogDLLRef::Acquire()
-{
+void CLogDLLRef::Acquire() {
     CLogDLL* instance = nullptr;
     {
         // An allocation failure below leaves through std::bad_alloc with nothing counted; the
@@ -132,8 +105,7 @@ void CLogDLLRef::Acquire()
                 g_instance = nullptr;
             }
             g_instance = new CLogDLL();
-            if (!g_exitHookSet && std::atexit(&OnProcessExit) == 0)
-                g_exitHookSet = true;
+            if (!g_exitHookSet && std::atexit(&OnProcessExit) == 0) g_exitHookSet = true;
         }
         ++g_useCount;
         instance = g_instance;
@@ -143,8 +115,7 @@ void CLogDLLRef::Acquire()
     InterlockedIncrement(&count_);
 }
 
-void CLogDLLRef::Release()
-{
+void CLogDLLRef::Release() {
     instance_ = nullptr;
     if (InterlockedDecrement(&count_) < 0) {
         InterlockedIncrement(&count_);
@@ -164,37 +135,22 @@ void CLogDLLRef::Release()
     InterlockedIncrement(&count_);
 }
 
-bool IsLoggingInUse()
-{
-    return g_useCount + g_secondCount != 0;
-}
+bool IsLoggingInUse() { return g_useCount + g_secondCount != 0; }
 
-long UseCount()
-{
-    return g_useCount;
-}
+long UseCount() { return g_useCount; }
 
-long SecondCount()
-{
-    return g_secondCount;
-}
+long SecondCount() { return g_secondCount; }
 
-CLogDLL* CurrentInstance()
-{
-    return g_instance;
-}
+CLogDLL* CurrentInstance() { return g_instance; }
 
-HRESULT WriteV(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module,
-               const wchar_t* function, const wchar_t* format, va_list args)
-{
-    if (instance == nullptr || instance->write == nullptr)
-        return E_NOINTERFACE;
+HRESULT WriteV(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module, const wchar_t* function,
+               const wchar_t* format, va_list args) {
+    if (instance == nullptr || instance->write == nullptr) return E_NOINTERFACE;
     return instance->write(nesting, severity, module, function, format, args);
 }
 
-HRESULT Write(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module,
-              const wchar_t* function, const wchar_t* format, ...)
-{
+HRESULT Write(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module, const wchar_t* function,
+              const wchar_t* format, ...) {
     va_list args;
     va_start(args, format);
     HRESULT result = WriteV(instance, nesting, severity, module, function, format, args);
@@ -202,48 +158,39 @@ HRESULT Write(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMO
     return result;
 }
 
-void WriteHeldV(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args)
-{
+void WriteHeldV(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args) {
     // A line must never change the outcome of the operation that writes it.
     try {
         CLogDLLRef holder;
         holder.Acquire();
         // Acquire always leaves an instance or throws, so the second take is a guard that costs
         // nothing; the holder gives back every reference it took, once or twice.
-        if (holder.Get() == nullptr)
-            holder.Acquire();
+        if (holder.Get() == nullptr) holder.Acquire();
         uint32_t level = severity;
         (void)WriteV(holder.Get(), nesting, &level, ThisModule(), function, format, args);
     } catch (...) {
     }
 }
 
-void WriteHeld(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, ...)
-{
+void WriteHeld(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, ...) {
     va_list args;
     va_start(args, format);
     WriteHeldV(nesting, severity, function, format, args);
     va_end(args);
 }
 
-void WriteMessageV(uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args)
-{
-    if (!IsLoggingInUse())
-        return;
+void WriteMessageV(uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args) {
+    if (!IsLoggingInUse()) return;
     WriteHeldV(0, severity, function, format, args);
 }
 
-void WriteMessage(uint32_t severity, const wchar_t* function, const wchar_t* format, ...)
-{
+void WriteMessage(uint32_t severity, const wchar_t* function, const wchar_t* format, ...) {
     va_list args;
     va_start(args, format);
     WriteMessageV(severity, function, format, args);
     va_end(args);
 }
 
-HMODULE CurrentModule()
-{
-    return ThisModule();
-}
+HMODULE CurrentModule() { return ThisModule(); }
 
 } // namespace logging

@@ -78,10 +78,10 @@ CLogDLL* CurrentInstance();
 // The image this code is linked into; log.dll tells the writers apart by it.
 HMODULE CurrentModule();
 
-HRESULT Write(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module,
-              const wchar_t* function, const wchar_t* format, ...);
-HRESULT WriteV(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module,
-               const wchar_t* function, const wchar_t* format, va_list args);
+HRESULT Write(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module, const wchar_t* function,
+              const wchar_t* format, ...);
+HRESULT WriteV(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMODULE module, const wchar_t* function,
+               const wchar_t* format, va_list args);
 
 // A line written through a reference of its own on the library, loading it if need be.
 void WriteHeld(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, ...);
@@ -113,5 +113,7 @@ private:
 // QV_TRACE opens the call trace of the enclosing operation; QV_FUNCTION only names it, for
 // operations that log without a trace. QV_LOG(severity, format, ...) writes under that name.
 #define QV_FUNCTION(name) static const wchar_t* const qvFunctionName_ = name
-#define QV_TRACE(name) QV_FUNCTION(name); ::logging::CFunctionTrace qvTrace_(qvFunctionName_)
+#define QV_TRACE(name)                                                                                                 \
+    QV_FUNCTION(name);                                                                                                 \
+    ::logging::CFunctionTrace qvTrace_(qvFunctionName_)
 #define QV_LOG(severity, ...) ::logging::WriteMessage((severity), qvFunctionName_, __VA_ARGS__)

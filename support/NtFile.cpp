@@ -2,7 +2,9 @@
 
 #include <winternl.h>
 
-namespace qv { namespace file { namespace nt {
+namespace qv {
+namespace file {
+namespace nt {
 
 namespace {
 
@@ -29,13 +31,13 @@ const Native& Resolved() {
     return native;
 }
 
-constexpr ULONG kSynchronousIo = 0x20;  // FILE_SYNCHRONOUS_IO_NONALERT
+constexpr ULONG kSynchronousIo = 0x20; // FILE_SYNCHRONOUS_IO_NONALERT
 constexpr size_t kMaxNameBytes = 0xFFFE;
 
 } // namespace
 
-DWORD OpenRelative(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK access, ULONG share,
-                   ULONG disposition, ULONG options, HANDLE* out) {
+DWORD OpenRelative(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK access, ULONG share, ULONG disposition,
+                   ULONG options, HANDLE* out) {
     *out = INVALID_HANDLE_VALUE;
     const Native& native = Resolved();
     if (!native.createFile || !native.toDosError) return ERROR_PROC_NOT_FOUND;
@@ -51,12 +53,13 @@ DWORD OpenRelative(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK 
     IO_STATUS_BLOCK io{};
     HANDLE handle = nullptr;
     const NTSTATUS status =
-        native.createFile(&handle, access | SYNCHRONIZE, &attributes, &io, nullptr, FILE_ATTRIBUTE_NORMAL,
-                          share, disposition,
-                          options | kSynchronousIo, nullptr, 0);
+        native.createFile(&handle, access | SYNCHRONIZE, &attributes, &io, nullptr, FILE_ATTRIBUTE_NORMAL, share,
+                          disposition, options | kSynchronousIo, nullptr, 0);
     if (status < 0) return native.toDosError(status);
     *out = handle;
     return ERROR_SUCCESS;
 }
 
-}}} // namespace qv::file::nt
+} // namespace nt
+} // namespace file
+} // namespace qv

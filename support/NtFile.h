@@ -3,19 +3,23 @@
 // plug-in's import list stays what the host expects. Only for support/.
 #include <windows.h>
 
-namespace qv { namespace file { namespace nt {
+namespace qv {
+namespace file {
+namespace nt {
 
 // Opens or creates `name` (length in characters, not NUL-terminated) relative to the folder
 // `root`, never by path. `options` are NtCreateFile's create options; FILE_SYNCHRONOUS_IO_NONALERT is always
 // added. Returns a Win32 error code; on success `out` holds the handle.
-DWORD OpenRelative(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK access, ULONG share,
-                   ULONG disposition, ULONG options, HANDLE* out);
+DWORD OpenRelative(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK access, ULONG share, ULONG disposition,
+                   ULONG options, HANDLE* out);
 
 // NtCreateFile's dispositions and options used here.
-constexpr ULONG kFileOpen = 1;         // FILE_OPEN
-constexpr ULONG kFileCreate = 2;       // FILE_CREATE
-constexpr ULONG kDirectoryFile = 0x1;  // FILE_DIRECTORY_FILE
+constexpr ULONG kFileOpen = 1;        // FILE_OPEN
+constexpr ULONG kFileCreate = 2;      // FILE_CREATE
+constexpr ULONG kDirectoryFile = 0x1; // FILE_DIRECTORY_FILE
 constexpr ULONG kNonDirectoryFile = 0x40;
 constexpr ULONG kOpenReparsePoint = 0x200000;
 
-}}} // namespace qv::file::nt
+} // namespace nt
+} // namespace file
+} // namespace qv

@@ -71,9 +71,7 @@ Value& Value::DictValue::Add(StringW&& key, Value&& item) {
     return values.PushUnchecked(std::move(item));
 }
 
-template <bool Const> const StringW& Value::IteratorT<Const>::Key() const {
-    return dict_->keys.items[position_];
-}
+template <bool Const> const StringW& Value::IteratorT<Const>::Key() const { return dict_->keys.items[position_]; }
 
 template <bool Const> typename Value::IteratorT<Const>::Handle& Value::IteratorT<Const>::Item() const {
     return dict_->values.items[position_];
@@ -106,8 +104,10 @@ Value Value::MakeString(const wchar_t* text) {
 
 Value Value::Clone() const {
     switch (Kind()) {
-    case kNumber: return MakeNumber(static_cast<const NumberValue*>(node_)->value);
-    case kBool: return MakeBool(static_cast<const BoolValue*>(node_)->value != 0);
+    case kNumber:
+        return MakeNumber(static_cast<const NumberValue*>(node_)->value);
+    case kBool:
+        return MakeBool(static_cast<const BoolValue*>(node_)->value != 0);
     case kString: {
         const StringW& text = static_cast<const StringValue*>(node_)->value;
         Value result(new StringValue());
@@ -129,7 +129,8 @@ Value Value::Clone() const {
         }
         return result;
     }
-    default: return Value();
+    default:
+        return Value();
     }
 }
 
@@ -142,13 +143,20 @@ int Value::Kind() const noexcept { return node_ ? node_->Kind() : kNull; }
 
 StringW Value::TypeName() const {
     switch (Kind()) {
-    case kNull: return StringW(L"null");
-    case kNumber: return StringW(L"number");
-    case kBool: return StringW(L"bool");
-    case kString: return StringW(L"string");
-    case kArray: return StringW(L"array");
-    case kDict: return StringW(L"object");
-    default: return StringW(L"unknown");
+    case kNull:
+        return StringW(L"null");
+    case kNumber:
+        return StringW(L"number");
+    case kBool:
+        return StringW(L"bool");
+    case kString:
+        return StringW(L"string");
+    case kArray:
+        return StringW(L"array");
+    case kDict:
+        return StringW(L"object");
+    default:
+        return StringW(L"unknown");
     }
 }
 
@@ -162,12 +170,17 @@ void Value::ThrowKeyed(const wchar_t* format, const wchar_t* key) const {
 
 bool Value::AsBool() const {
     switch (Kind()) {
-    case kBool: return static_cast<const BoolValue*>(node_)->value != 0;
-    case kNumber: return static_cast<const NumberValue*>(node_)->value != 0.0;
-    case kString: return static_cast<const StringValue*>(node_)->value.Length() != 0;
+    case kBool:
+        return static_cast<const BoolValue*>(node_)->value != 0;
+    case kNumber:
+        return static_cast<const NumberValue*>(node_)->value != 0.0;
+    case kString:
+        return static_cast<const StringValue*>(node_)->value.Length() != 0;
     case kArray:
-    case kDict: return Size() != 0;
-    default: return false;
+    case kDict:
+        return Size() != 0;
+    default:
+        return false;
     }
 }
 
@@ -183,9 +196,12 @@ const StringW& Value::AsString() const {
 
 uint64_t Value::Size() const {
     switch (Kind()) {
-    case kArray: return static_cast<const ArrayValue*>(node_)->items->count;
-    case kDict: return static_cast<const DictValue*>(node_)->Count();
-    default: ThrowKind(L"exception: invalid type[array|dict != %s], [%s]");
+    case kArray:
+        return static_cast<const ArrayValue*>(node_)->items->count;
+    case kDict:
+        return static_cast<const DictValue*>(node_)->Count();
+    default:
+        ThrowKind(L"exception: invalid type[array|dict != %s], [%s]");
     }
 }
 

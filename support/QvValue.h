@@ -50,11 +50,15 @@ public:
         const StringW& Key() const;
         Handle& Item() const;
         uint64_t Position() const { return position_; }
-        IteratorT& operator++() { ++position_; return *this; }
+        IteratorT& operator++() {
+            ++position_;
+            return *this;
+        }
         // Range-for hands out the iterator itself: for (auto& e : dict) e.Key(), e.Item().
         const IteratorT& operator*() const { return *this; }
         bool operator==(const IteratorT& o) const { return dict_ == o.dict_ && position_ == o.position_; }
         bool operator!=(const IteratorT& o) const { return !(*this == o); }
+
     private:
         DictValue* dict_;
         uint64_t position_;

@@ -58,9 +58,7 @@ void ToUtf8(const StringW& text, std::string& out) {
     throw ValueException(message);
 }
 
-bool FitsInt64(double whole) {
-    return whole >= -9223372036854775808.0 && whole < 9223372036854775808.0;
-}
+bool FitsInt64(double whole) { return whole >= -9223372036854775808.0 && whole < 9223372036854775808.0; }
 
 } // namespace
 

@@ -13,7 +13,10 @@ namespace qv {
 class RundownProtection {
 public:
     // Starts closed: there is nothing to protect until Open.
-    RundownProtection() { InitializeSRWLock(&waitLock_); InitializeConditionVariable(&drained_); }
+    RundownProtection() {
+        InitializeSRWLock(&waitLock_);
+        InitializeConditionVariable(&drained_);
+    }
     RundownProtection(const RundownProtection&) = delete;
     RundownProtection& operator=(const RundownProtection&) = delete;
 

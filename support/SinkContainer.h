@@ -15,8 +15,7 @@ template <class T> class SynchronyzedObjectContainer;
 
 // Sinks in registration order, without duplicates or nulls. The lock operations are the
 // inherited ones: shared while firing, exclusive while the array changes.
-template <class T>
-class SynchronyzedObjectContainer<T*> : public CSyncRWLock {
+template <class T> class SynchronyzedObjectContainer<T*> : public CSyncRWLock {
 public:
     SynchronyzedObjectContainer() = default;
 
@@ -62,16 +61,14 @@ private:
 
 // Descriptors of the sink method an event calls: sink interface, result type, argument types
 // and the method itself.
-template <class I, class R, class A1, R (I::*M)(A1)>
-struct MemberFunction_1_args {
+template <class I, class R, class A1, R (I::*M)(A1)> struct MemberFunction_1_args {
     using Sink = I;
     using Result = R;
     using Stub = R (I::*)(A1);
     static constexpr Stub method = M;
 };
 
-template <class I, class R, class A1, class A2, R (I::*M)(A1, A2)>
-struct MemberFunction_2_args {
+template <class I, class R, class A1, class A2, R (I::*M)(A1, A2)> struct MemberFunction_2_args {
     using Sink = I;
     using Result = R;
     using Stub = R (I::*)(A1, A2);
@@ -85,8 +82,7 @@ struct EventCursor {
 
 // One method of one sink interface, fired at every sink of one container. Final, so that the
 // firing loop calls begin, next and end directly rather than through the table every time.
-template <class Descriptor>
-class Event final {
+template <class Descriptor> class Event final {
 public:
     using Sink = typename Descriptor::Sink;
     using Stub = typename Descriptor::Stub;
@@ -122,8 +118,7 @@ public:
 
     // Calls the method on every sink, in registration order, on this thread; results are
     // ignored. Arguments are passed on as they are, never moved, since every sink gets them.
-    template <class... Args>
-    void Fire(Args&&... args) {
+    template <class... Args> void Fire(Args&&... args) {
         EventCursor* cursor = nullptr;
         begin(cursor);
         if (cursor == nullptr) return;

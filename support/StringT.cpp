@@ -48,7 +48,10 @@ StringW& StringW::operator=(const StringT& other) {
 StringW& StringW::operator=(StringT&& other) noexcept {
     if (this == &other) return *this;
     other.CheckValid();
-    if (!other.p_) { Clear(); return *this; }
+    if (!other.p_) {
+        Clear();
+        return *this;
+    }
     if (Manager() == other.Manager() || !p_) {
         Release();
         p_ = other.p_;
@@ -59,9 +62,15 @@ StringW& StringW::operator=(StringT&& other) noexcept {
     return *this;
 }
 
-StringW& StringW::operator=(const wchar_t* text) { Assign(text); return *this; }
+StringW& StringW::operator=(const wchar_t* text) {
+    Assign(text);
+    return *this;
+}
 
-const StringW::Header* StringW::GetHeader() const { CheckValid(); return HeaderPtr(); }
+const StringW::Header* StringW::GetHeader() const {
+    CheckValid();
+    return HeaderPtr();
+}
 
 IMemMgr* StringW::Manager() const {
     Header* h = HeaderPtr();
@@ -132,7 +141,10 @@ void StringW::Grow(size_t needed) {
 void StringW::SetLength(size_t count) {
     CheckValid();
     Header* h = HeaderPtr();
-    if (!h) { if (count == 0) return; std::terminate(); }
+    if (!h) {
+        if (count == 0) return;
+        std::terminate();
+    }
     if (count > h->capacity) std::terminate();
     h->length = count;
     p_[count] = 0;
@@ -189,7 +201,10 @@ void StringW::Clear() {
 void StringW::Release() noexcept {
     CheckValid();
     Header* h = HeaderPtr();
-    if (!p_ || !h) { p_ = nullptr; return; }
+    if (!p_ || !h) {
+        p_ = nullptr;
+        return;
+    }
     IMemMgr* mgr = h->manager;
     if (h->ownsBlock) mgr->Free(BlockOf(p_));
     mgr->OnRelease();
@@ -255,9 +270,15 @@ std::string StringW::ToUtf8() const {
 
 void StringW::AssignUtf8(const char* text, size_t count) {
     if (count == npos) count = text ? strlen(text) : 0;
-    if (!text || !count) { Assign(L"", 0); return; }
+    if (!text || !count) {
+        Assign(L"", 0);
+        return;
+    }
     int n = MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(count), nullptr, 0);
-    if (n <= 0) { Assign(L"", 0); return; }
+    if (n <= 0) {
+        Assign(L"", 0);
+        return;
+    }
     // Room is made only when it is missing: reserving the same capacity again would cost a
     // reallocation on every conversion.
     if (!HasStorage() || Capacity() < static_cast<size_t>(n)) Reserve(static_cast<size_t>(n));

@@ -25,7 +25,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-struct flip { const char* name; const char* aside; const char* target; };
+struct flip {
+    const char* name;
+    const char* aside;
+    const char* target;
+};
 
 static void to_link(const struct flip* f) {
     if (rename(f->name, f->aside) == 0 || errno == ENOENT) (void)symlink(f->target, f->name);
@@ -69,8 +73,10 @@ static void drain(int fd, long* touches, long* unlinks) {
         for (char* at = buffer.bytes; at < buffer.bytes + n;) {
             const struct inotify_event* event = (const struct inotify_event*)at;
             if (event->len > 0 && !(event->mask & IN_ISDIR)) {
-                if (event->mask & IN_DELETE) ++*unlinks;
-                else ++*touches;
+                if (event->mask & IN_DELETE)
+                    ++*unlinks;
+                else
+                    ++*touches;
             }
             at += sizeof *event + event->len;
         }

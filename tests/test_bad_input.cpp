@@ -133,7 +133,7 @@ TEST_F(BadInput, InstallationNoticesWithMissingOrHostileNames) {
     ASSERT_NE(nullptr, face);
     const wchar_t* const engines = engines_.c_str();
     const std::tuple<const wchar_t*, const wchar_t*, const wchar_t*, DWORD> missing[] = {
-        {L"U", L"Antivirus", nullptr, 87}, {L"U", L"Antivirus", L"", 87}, {L"U", nullptr, engines, 87},
+        {L"U", L"Antivirus", nullptr, 87}, {L"U", L"Antivirus", L"", 87},   {L"U", nullptr, engines, 87},
         {L"U", L"", engines, 87},          {nullptr, nullptr, nullptr, 87}, {nullptr, L"Antivirus", engines, 0}};
     for (const auto& n : missing) {
         IUpdate::ComponentInfo info{std::get<0>(n), std::get<1>(n), nullptr};
@@ -249,8 +249,8 @@ TEST_F(BadInput, HostileSettingsFiles) {
          false, false},
         {section + "{\"engines\": \"C:\\\\x\"}}", false, false},
         {section + "{\"enableBackup\": " + deep + ", \"reportHashChain\": {\"enabled\": true, \"x\": " + deep +
-             "}, \"reportSignatureInfo\": " + deep + ", \"engines\": {\"folder\": " + deep + "}, \"Feature\": " +
-             deep + "}}",
+             "}, \"reportSignatureInfo\": " + deep + ", \"engines\": {\"folder\": " + deep + "}, \"Feature\": " + deep +
+             "}}",
          false, true},
         {section + "{\"enableBackup\": " + big + ", \"engines\": {\"folder\": " + big + "}, \"Feature\": " + big + "}}",
          false, false},

@@ -20,8 +20,7 @@ using SMap = qv::Map<StringW, Stats>;
 
 // Calls virtual slot `slot` of obj the way a plug-in built elsewhere does: through the table.
 // References travel as pointers, so callers pass addresses for reference parameters.
-template <class R, class Obj, class... A>
-R Slot(Obj* obj, int slot, A... args) {
+template <class R, class Obj, class... A> R Slot(Obj* obj, int slot, A... args) {
     using Fn = R (*)(Obj*, A...);
     void* const* table = *reinterpret_cast<void* const* const*>(obj);
     return reinterpret_cast<Fn>(table[slot])(obj, args...);
@@ -86,12 +85,12 @@ TEST(List, RemovalThroughTheEnumeratorMovesItToTheNextElement) {
     auto* e = Slot<qv::ListEnum<Proxy>*>(&list, 9);
     EXPECT_EQ(Slot<Proxy*>(e, 2)->address, L"a");
     EXPECT_EQ(Slot<qv::ListNode<Proxy>*>(e, 1)->value.address, L"a");
-    Slot<void>(&list, 8, e);  // removes "b"
+    Slot<void>(&list, 8, e); // removes "b"
     EXPECT_EQ(Slot<Proxy*>(e, 2)->address, L"c");
-    Slot<void>(&list, 8, e);  // removes the last one: the enumerator reaches the end
+    Slot<void>(&list, 8, e); // removes the last one: the enumerator reaches the end
     EXPECT_FALSE(Slot<bool>(e, 0));
     EXPECT_EQ(nullptr, (Slot<Proxy*>(e, 2)));
-    Slot<void>(&list, 8, e);  // at the end there is nothing to remove
+    Slot<void>(&list, 8, e); // at the end there is nothing to remove
     Slot<void>(e, 3);
     EXPECT_EQ(L"a ", Addresses(list));
 }
@@ -127,7 +126,7 @@ TEST(Map, FindsByExactCaseSensitiveKey) {
     EXPECT_EQ(2u, (Slot<uint64_t>(&map, 9)));
     EXPECT_EQ(Slot<Stats*>(&map, 1, &upper)->version, L"1.0");
     EXPECT_EQ(Slot<Stats*>(&map, 2, &lower)->version, L"2.0");
-    EXPECT_EQ(0u, (Slot<uint32_t>(&map, 0, &upper, &two)));  // replaces
+    EXPECT_EQ(0u, (Slot<uint32_t>(&map, 0, &upper, &two))); // replaces
     EXPECT_EQ(20, Slot<const Stats*>(&map, 3, &upper)->count);
     EXPECT_EQ(2u, map.Count());
 }

@@ -47,7 +47,7 @@ protected:
 
 TEST_F(CoreTemp, SiblingsGoTheFolderAndItsContentsStay) {
     struct Case {
-        const wchar_t* configured;  // appended to the parent
+        const wchar_t* configured; // appended to the parent
         bool coreKept;
     };
     for (const Case& c : {Case{L"\\scansp", true}, Case{L"\\SCANSP", true}, Case{L"\\scansp\\", false}}) {

@@ -40,7 +40,8 @@ protected:
         return MakeSymbolicLink(link, target, directory) != LinkKind::None;
     }
     void ExpectOutsideIntact() {
-        for (const wchar_t* name : kOutsideFiles) EXPECT_EQ("outside", ReadBytes(outside + L"\\" + name)) << Narrow(name);
+        for (const wchar_t* name : kOutsideFiles)
+            EXPECT_EQ("outside", ReadBytes(outside + L"\\" + name)) << Narrow(name);
         EXPECT_TRUE(PathIsDirectoryW((outside + L"\\sub").c_str()));
     }
     PluginUnderTest plugin;
@@ -54,7 +55,7 @@ TEST_F(DeletionSafety, CoreTempCleanNeverReachesThroughLinks) {
     WriteBytes(sibling + L"\\inner\\own.tmp", "own");
     if (!Link(sibling + L"\\inner\\to-folder", outside, true)) GTEST_SKIP() << "no symbolic links here";
     ASSERT_TRUE(Link(sibling + L"\\to-file.txt", outside + L"\\keep.txt", false));
-    ASSERT_TRUE(Link(top + L"\\hop", outside, true));  // a link to a link
+    ASSERT_TRUE(Link(top + L"\\hop", outside, true)); // a link to a link
     ASSERT_TRUE(Link(sibling + L"\\via-hop", top + L"\\hop", true));
     ASSERT_TRUE(Link(parent + L"\\direct", outside, true));
     ASSERT_TRUE(plugin.StartAll());
@@ -93,7 +94,7 @@ TEST_F(DeletionSafety, PlaceholdersNeverOverwriteNorCreateThroughLinks) {
     if (!Link(engines + L"\\Plugins\\xgdb.cvd", target, false)) GTEST_SKIP() << "no symbolic links here";
     ASSERT_TRUE(Link(engines + L"\\qvcore.dll", recoveryTarget, false));
     ASSERT_TRUE(DeleteFileW(target.c_str()) && DeleteFileW(recoveryTarget.c_str()));
-    plugin.env.manager.SetMissing(qv::kxsdk::ids::kScanSpName);  // the recovery's placeholders too
+    plugin.env.manager.SetMissing(qv::kxsdk::ids::kScanSpName); // the recovery's placeholders too
     ASSERT_TRUE(plugin.StartAll());
     EXPECT_EQ("real engine data", ReadBytes(engines + L"\\Plugins\\lhdb.cvd"));
     EXPECT_EQ("signatures", ReadBytes(engines + L"\\smartdbv2.dat"));
@@ -111,7 +112,8 @@ TEST_F(DeletionSafety, RelativeCoreTempFolderCleansNothing) {
         plugin.env.servConfig.SetText(17, L"scansp", relative);
         ASSERT_TRUE(plugin.StartAll());
         plugin.StopAll();
-        EXPECT_TRUE(LineWith(L"Core temp folder is not a full path, not cleaned [path = " + std::wstring(relative) + L"]", 8));
+        EXPECT_TRUE(
+            LineWith(L"Core temp folder is not a full path, not cleaned [path = " + std::wstring(relative) + L"]", 8));
         EXPECT_EQ("precious", ReadBytes(top + L"\\precious.txt"));
         EXPECT_TRUE(PathIsDirectoryW(engines.c_str()));
     }

@@ -75,7 +75,7 @@ TEST_F(Exports, BadNamesIdsAndOutPointers) {
     void* primary = Create();
     const int before = Destructions();
     std::vector<std::wstring> names = HostileTexts();
-    names.push_back(L"antivirusscan");  // names are case-sensitive
+    names.push_back(L"antivirusscan"); // names are case-sensitive
     void* out = nullptr;
     for (const std::wstring& name : names) {
         out = reinterpret_cast<void*>(1);

@@ -45,9 +45,11 @@ struct Installation {
     ~Installation() { RemoveFolder(root); }
     // Replaces the placeholders {engines}, {core}, {common}, {root} and {exe} in a log text.
     std::wstring Expand(std::wstring text) const {
-        const std::pair<const wchar_t*, std::wstring> tokens[] = {
-            {L"{engines}", engines}, {L"{core}", coreTemp}, {L"{common}", common}, {L"{root}", root},
-            {L"{exe}", ExeFolder()}};
+        const std::pair<const wchar_t*, std::wstring> tokens[] = {{L"{engines}", engines},
+                                                                  {L"{core}", coreTemp},
+                                                                  {L"{common}", common},
+                                                                  {L"{root}", root},
+                                                                  {L"{exe}", ExeFolder()}};
         for (const auto& token : tokens) {
             for (size_t at; (at = text.find(token.first)) != std::wstring::npos;)
                 text.replace(at, wcslen(token.first), token.second);
@@ -103,14 +105,14 @@ std::vector<Step> Scenario() {
                          // In recovery the repaired engines can now be loaded: the restart path.
                          if (r.mode == Mode::Recovery) r.plugin.env.manager.Restore(ids::kScanSpName);
                          return r.plugin.env.update.DeliverComponentInstalled(L"Updater", L"Antivirus",
-                                                                             r.site.engines.c_str());
+                                                                              r.site.engines.c_str());
                      }});
-    steps.push_back({"EnableBackup", [](Rig& r) { return EnableBackup(r.plugin.scan, true); }, "enableBackup",
-                     Json::Value(true)});
+    steps.push_back(
+        {"EnableBackup", [](Rig& r) { return EnableBackup(r.plugin.scan, true); }, "enableBackup", Json::Value(true)});
     Json::Value hashChainOn(Json::objectValue);
     hashChainOn["enabled"] = true;
-    steps.push_back({"ReportHashChain", [](Rig& r) { return ReportHashChain(r.plugin.scan, true); },
-                     "reportHashChain", hashChainOn});
+    steps.push_back({"ReportHashChain", [](Rig& r) { return ReportHashChain(r.plugin.scan, true); }, "reportHashChain",
+                     hashChainOn});
     steps.push_back({"ReportSignatureInfo", [](Rig& r) { return ReportSignatureInfo(r.plugin.scan, true); },
                      "reportSignatureInfo", Json::Value(true)});
     steps.push_back({"SetFeatureStatus",
@@ -130,7 +132,7 @@ struct Outcome {
     DWORD code;
     std::vector<std::pair<std::wstring, uint32_t>> lines;
 };
-constexpr DWORD kAsUsual = 0xFFFFFFFFu;  // the result the step gives without any fault
+constexpr DWORD kAsUsual = 0xFFFFFFFFu; // the result the step gives without any fault
 
 // One documented call into a sibling: the part of the step that makes it, the call as
 // "Plugin::Operation(argument)", and what its failure leads to.
@@ -140,7 +142,7 @@ struct Call {
     Outcome outcome;
 };
 using Calls = std::vector<Call>;
-using Table = std::map<std::string, Calls>;  // by scenario step, in the documented order
+using Table = std::map<std::string, Calls>; // by scenario step, in the documented order
 
 std::wstring RemoteInfo(int status, int rsMode) {
     return L"RemoteScan info [status = " + std::to_wstring(status) + L"] [fallback = 1] [rsMode = " +
@@ -151,7 +153,8 @@ std::wstring RemoteInfo(int status, int rsMode) {
 void AddRemoteQueries(Calls& c, const char* part, int rsMode) {
     c.push_back({part, "RemoteScan::GetStatus", {kAsUsual, {{RemoteInfo(0, rsMode), 32}}}});
     c.push_back({part, "RemoteScan::GetServerCount", {kAsUsual, {{RemoteInfo(1, rsMode), 32}}}});
-    c.push_back({part, "RemoteScan::GetFallbackMode",
+    c.push_back({part,
+                 "RemoteScan::GetFallbackMode",
                  {kAsUsual, {{RemoteInfo(1, 0), 32}, {L"ScanModeNone when using fallback.", 8}}}});
 }
 
@@ -186,7 +189,8 @@ void AddInitCalls(Table& t, bool rec) {
     init.push_back({"service configuration", Get(ids::kServConfigName),
                     Missing(ids::kServConfigName, 5002, L"Dependency not found : ServConfig.", 4)});
     init.push_back({"InitCoreTempFolder", "ServConfig::GetText(17,scansp)", {0, {{L"Core temp path is empty!", 4}}}});
-    init.push_back({"InitScanType", "ServConfig::GetText(51,BASE)",
+    init.push_back({"InitScanType",
+                    "ServConfig::GetText(51,BASE)",
                     {13, {{L"Invalid scan type [config = ]", 4}, {L"Invalid scan type.", 4}}}});
     init.push_back({"update plug-in", Get(ids::kUpdateName),
                     Missing(ids::kUpdateName, 5002, L"Dependency not found : Update.", 4)});
@@ -195,10 +199,11 @@ void AddInitCalls(Table& t, bool rec) {
     init.push_back({"InitSettings", kSection, {0, {{L"Cannot load settings.", 8}, {L"[backup = 0]", 32}}}});
     for (const char* get : {"GetBool(enableBackup)", "GetValue(reportHashChain)", "GetBool(reportSignatureInfo)"})
         init.push_back({"InitSettings", std::string("Section::") + get, {0, {{L"[backup = 0]", 32}}}});
-    init.push_back({"InitSettings", "Section::GetUInt(engines/reloadStatus)",
-                    {0, {{L"Last reload engines status = 2", 32}}}});
+    init.push_back(
+        {"InitSettings", "Section::GetUInt(engines/reloadStatus)", {0, {{L"Last reload engines status = 2", 32}}}});
     init.push_back({"InitSettings", "Section::GetString(engines/folder)", {0, {{L"LastOk engines folder = ", 32}}}});
-    init.push_back({"LogEnginesFolder", "ServConfig::GetText(0,signaturesPatterns)", {0, {{L"No sig folder pattern", 8}}}});
+    init.push_back(
+        {"LogEnginesFolder", "ServConfig::GetText(0,signaturesPatterns)", {0, {{L"No sig folder pattern", 8}}}});
     init.push_back({"LogEnginesFolder", "ServConfig::GetText(2,scansp)", {0, {{L"Latest engines folder = ", 32}}}});
     init.push_back({"scan service provider", Get(ids::kScanSpName),
                     Missing(ids::kScanSpName, 0, L"Dependency not found : ScanSp.", 8)});
@@ -209,38 +214,48 @@ void AddInitCalls(Table& t, bool rec) {
     init.push_back({"CTC plug-in", Get(ids::kCtcName), Missing(ids::kCtcName, 0, L"Dependency not found : CTC.", 32)});
     if (!rec) {
         init.push_back({"DisableScanCrashHandler", "ScanSp::GetInterface", {0, {}}});
-        init.push_back({"DisableScanCrashHandler", "CrashHandler::SetOption(6001)",
+        init.push_back({"DisableScanCrashHandler",
+                        "CrashHandler::SetOption(6001)",
                         {0, {{L"SilentSubmitDump [error = 31]", 32}}}});
-        init.push_back({"DisableScanCrashHandler", "CrashHandler::SetOption(6002)",
+        init.push_back({"DisableScanCrashHandler",
+                        "CrashHandler::SetOption(6002)",
                         {0, {{L"SilentSubmitDefaultAct [error = 31]", 32}}}});
-        init.push_back({"ApplyBackupStatus", "ScanSp::SetOption(9)",
-                        {0, {{L"Cannot apply backup status. [error = 31]", 8}}}});
+        init.push_back(
+            {"ApplyBackupStatus", "ScanSp::SetOption(9)", {0, {{L"Cannot apply backup status. [error = 31]", 8}}}});
     }
 }
 
 void AddStartCalls(Table& t, bool rec) {
-    t["Start"] = {{"update events", "Update::RegisterEvents", {15025, {{L"Cannot register update events [error = 31]", 4}}}},
-                  {"remote-scan events", "RemoteScan::RegisterEvents",
-                   {15025, {{L"Cannot register remote scan events [error = 31]", 4}}}}};
+    t["Start"] = {
+        {"update events", "Update::RegisterEvents", {15025, {{L"Cannot register update events [error = 31]", 4}}}},
+        {"remote-scan events",
+         "RemoteScan::RegisterEvents",
+         {15025, {{L"Cannot register remote scan events [error = 31]", 4}}}}};
 
     Calls& delayed = t["DelayedStart"];
     const Outcome noEngines{0, {{L"Invalid engines path = ", 32}}};
     delayed.push_back({"GenerateNonRemoteScanPlugins", "ServConfig::GetText(2,scansp)", noEngines});
     if (!rec) {
-        delayed.push_back({"ComputeSigInfo", "Update::GetStatistics",
-                           {0, {{L"Cannot obtain update statistics. [error = 31]", 4},
-                                {L"Signature [version = 9.9.9] [count = 1000]", 32}}}});
+        delayed.push_back({"ComputeSigInfo",
+                           "Update::GetStatistics",
+                           {0,
+                            {{L"Cannot obtain update statistics. [error = 31]", 4},
+                             {L"Signature [version = 9.9.9] [count = 1000]", 32}}}});
         AddRemoteQueries(delayed, "RefreshScanModes", 2);
     } else {
-        delayed.push_back({"recovery-started event", Get(ids::kTelemetryName), {0, {{L"Cannot obtain Telemetry plugin", 4}}}});
+        delayed.push_back(
+            {"recovery-started event", Get(ids::kTelemetryName), {0, {{L"Cannot obtain Telemetry plugin", 4}}}});
         delayed.push_back({"recovery-started event", "Telemetry::SubmitEvent", {0, {}}});
         delayed.push_back({"recovery-started event", Release(ids::kTelemetryName), {0, {}}});
-        delayed.push_back({"RecoveryStep_InvalidateCache", "ServConfig::GetText(0,common)",
+        delayed.push_back({"RecoveryStep_InvalidateCache",
+                           "ServConfig::GetText(0,common)",
                            {0, {{L"deleting wslib.db = {exe}\\installer\\wslib.db", 32}}}});
         delayed.push_back({"RecoveryStep_GenDummyMissingFiles", "ServConfig::GetText(2,scansp)", noEngines});
-        delayed.push_back({"RecoveryStep_StartUpdateSig", "Update::GetUpdateSettings",
+        delayed.push_back({"RecoveryStep_StartUpdateSig",
+                           "Update::GetUpdateSettings",
                            {0, {{L"Failed to read the update settings [error = 31]", 4}}}});
-        delayed.push_back({"RecoveryStep_StartUpdateSig", "Update::StartUpdate",
+        delayed.push_back({"RecoveryStep_StartUpdateSig",
+                           "Update::StartUpdate",
                            {0, {{L"StartUpdate failed [error = 31] [status = 0]", 32}}}});
     }
 
@@ -250,28 +265,35 @@ void AddStartCalls(Table& t, bool rec) {
 void AddInstalledCalls(Table& t, bool rec) {
     Calls& installed = t["OnComponentInstalled"];
     const std::wstring lastOk = rec ? L"" : L"{engines}";
-    installed.push_back({"reload status 1", kSection,
+    installed.push_back({"reload status 1",
+                         kSection,
                          {0, {{L"[lastOk = " + lastOk + L"] [oldReloadStatus = 2] [newReloadStatus = 1]", 32}}}});
-    installed.push_back({"reload status 1", "Section::SetUInt(engines/reloadStatus)",
+    installed.push_back({"reload status 1",
+                         "Section::SetUInt(engines/reloadStatus)",
                          {0, {{L"Cannot save reload info [lastOk = " + lastOk + L"]", 8}}}});
     if (!rec) {
-        installed.push_back({"reload", "ScanSp::ReloadEngines", {0, {{L"OnReloadEnded [path = {engines}] [error = 31]", 4}}}});
+        installed.push_back(
+            {"reload", "ScanSp::ReloadEngines", {0, {{L"OnReloadEnded [path = {engines}] [error = 31]", 4}}}});
     } else {
-        installed.push_back({"recovery reload", Get(ids::kScanSpName), {0, {{L"ScanSp load NOT-FIXED => invalidate_cache", 8}}}});
-        installed.push_back({"recovery reload", Release(ids::kScanSpName),
+        installed.push_back(
+            {"recovery reload", Get(ids::kScanSpName), {0, {{L"ScanSp load NOT-FIXED => invalidate_cache", 8}}}});
+        installed.push_back({"recovery reload",
+                             Release(ids::kScanSpName),
                              {0, {{L"ScanSp load FIXED => restart service required", 8}}}});
     }
     AddFolderRecord(installed, "OnReloadSuccessfull", lastOk);
     if (!rec) {
-        installed.push_back({"ApplyBackupStatus", "ScanSp::SetOption(9)",
-                             {0, {{L"Cannot apply backup status. [error = 31]", 8},
-                                  {L"Cannot apply backup status [value = 0]", 8}}}});
-        installed.push_back({"ComputeSigInfo", "Update::GetStatistics",
-                             {0, {{L"Cannot obtain update statistics. [error = 31]", 4}}}});
+        installed.push_back(
+            {"ApplyBackupStatus",
+             "ScanSp::SetOption(9)",
+             {0, {{L"Cannot apply backup status. [error = 31]", 8}, {L"Cannot apply backup status [value = 0]", 8}}}});
+        installed.push_back(
+            {"ComputeSigInfo", "Update::GetStatistics", {0, {{L"Cannot obtain update statistics. [error = 31]", 4}}}});
     }
     AddRemoteQueries(installed, "RefreshScanModes", 1);
     if (rec) {
-        installed.push_back({"RecoveryStep_RestartService", "Update::RestartService",
+        installed.push_back({"RecoveryStep_RestartService",
+                             "Update::RestartService",
                              {0, {{L"Restart service using Update failed [error = 31]", 4}}}});
     }
 }
@@ -280,7 +302,8 @@ void AddSlotCalls(Table& t, bool rec) {
     const Outcome saveFailed{1013, {{L"save failed", 4}}};
     AddSaveSettings(t["EnableBackup"], "save", saveFailed);
     if (!rec) {
-        t["EnableBackup"].push_back({"apply", "ScanSp::SetOption(9)",
+        t["EnableBackup"].push_back({"apply",
+                                     "ScanSp::SetOption(9)",
                                      {1359, {{L"Cannot apply backup status. [error = 31]", 8}, {L"apply failed", 4}}}});
     } else {
         // Without the provider the backup cannot be applied and the old record is written back;
@@ -371,9 +394,12 @@ void ExpectOldOrNew(const Step& step, const Json::Value& before, const Json::Val
             bool ok = true;
             for (const std::string& k : now.getMemberNames()) {
                 const Json::Value& v = now[k];
-                if (k == "reloadStatus") ok = ok && v.isUInt() && (v.asUInt() == 1 || v.asUInt() == 2);
-                else if (k == "folder") ok = ok && v.isString() && (v.asString() == engines || v.asString().empty());
-                else ok = false;
+                if (k == "reloadStatus")
+                    ok = ok && v.isUInt() && (v.asUInt() == 1 || v.asUInt() == 2);
+                else if (k == "folder")
+                    ok = ok && v.isString() && (v.asString() == engines || v.asString().empty());
+                else
+                    ok = false;
             }
             if (ok) continue;
         }
@@ -390,7 +416,9 @@ void ExpectOldOrNew(const Step& step, const Json::Value& before, const Json::Val
 }
 
 bool SwitchValue(void* scan, const std::string& step) {
-    return step == "EnableBackup" ? BackupOf(scan) : step == "ReportHashChain" ? HashChainOf(scan) : SignatureInfoOf(scan);
+    return step == "EnableBackup"      ? BackupOf(scan)
+           : step == "ReportHashChain" ? HashChainOf(scan)
+                                       : SignatureInfoOf(scan);
 }
 
 // Every query and every sink container answers from another thread within the time: nothing
@@ -444,7 +472,8 @@ Outcome ForRefusal(const Outcome& missing, Refusal refusal, const std::string& s
         outcome = {kAsUsual, {{refusedText + L" \"" + std::wstring(name.begin(), name.end()) + L"\"", 8}}};
     }
     for (auto& line : outcome.lines)
-        if (line.first.compare(0, missingText.size(), missingText) == 0) line.first.replace(0, missingText.size(), refusedText);
+        if (line.first.compare(0, missingText.size(), missingText) == 0)
+            line.first.replace(0, missingText.size(), refusedText);
     return outcome;
 }
 
@@ -460,7 +489,9 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
     const char* const refusals[] = {"", " (refused)", " (refused, interface written)"};
     SCOPED_TRACE(std::string(mode == Mode::Normal ? "normal" : "recovery") + " " + step.name + " / " + call.part +
                  " | " + call.site + " #" + std::to_string(occurrence) + refusals[static_cast<int>(refusal)] +
-                 (how == Failure::Throw ? " throwing" : how == Failure::OutOfMemory ? " out of memory" : ""));
+                 (how == Failure::Throw         ? " throwing"
+                  : how == Failure::OutOfMemory ? " out of memory"
+                                                : ""));
 
     Rig rig(mode);
     rig.faults.refusal = refusal;
@@ -476,7 +507,8 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
     ASSERT_TRUE(rig.faults.plan.Failed()) << "the documented call was not made";
 
     if (how == Failure::Error) {
-        const Outcome outcome = refusal == Refusal::Missing ? call.outcome : ForRefusal(call.outcome, refusal, call.site);
+        const Outcome outcome =
+            refusal == Refusal::Missing ? call.outcome : ForRefusal(call.outcome, refusal, call.site);
         EXPECT_EQ(outcome.code == kAsUsual ? golden.results[stepIndex] : outcome.code, result);
         for (const auto& line : outcome.lines) {
             const std::wstring text = rig.site.Expand(line.first);
@@ -490,7 +522,9 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
         const DWORD fenced = memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNAL_ERROR;
         EXPECT_TRUE(result == fenced || result == golden.results[stepIndex]) << "result " << result;
         EXPECT_TRUE(memory ? CountLines(L"out of memory", 4) > 0
-                           : CountFramed(L"unexpected exception [what = injected by " + std::wstring(call.site.begin(), call.site.end()), L"]", 4) > 0)
+                           : CountFramed(L"unexpected exception [what = injected by " +
+                                             std::wstring(call.site.begin(), call.site.end()),
+                                         L"]", 4) > 0)
             << "no line from the fence";
     }
     if (stepIndex + 2 < steps.size() && rig.plugin.primary) ExpectNothingLocked(rig.plugin.scan);
@@ -540,7 +574,8 @@ int RunSweep(Mode mode, bool throwing) {
         for (const Call& call : it->second) {
             const int occurrence = ++seen[call.site];
             if (throwing) {
-                RunFault(mode, step, call, occurrence, Refusal::Missing, ++points % 2 ? Failure::Throw : Failure::OutOfMemory);
+                RunFault(mode, step, call, occurrence, Refusal::Missing,
+                         ++points % 2 ? Failure::Throw : Failure::OutOfMemory);
                 continue;
             }
             RunFault(mode, step, call, occurrence);
@@ -581,20 +616,37 @@ TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
         const char* name;
         std::function<DWORD(Rig&)> run;
         DWORD code;
-        std::vector<std::wstring> lines;  // severity 4 for 1013, else 8 or 32 as written
+        std::vector<std::wstring> lines; // severity 4 for 1013, else 8 or 32 as written
         const char* key;
     };
     const std::vector<BlockedStep> steps = {
-        {"EnableBackup", [](Rig& r) { return EnableBackup(r.plugin.scan, true); }, 1013, {L"save failed"}, "enableBackup"},
-        {"ReportHashChain", [](Rig& r) { return ReportHashChain(r.plugin.scan, true); }, 1013, {L"save failed"},
+        {"EnableBackup",
+         [](Rig& r) { return EnableBackup(r.plugin.scan, true); },
+         1013,
+         {L"save failed"},
+         "enableBackup"},
+        {"ReportHashChain",
+         [](Rig& r) { return ReportHashChain(r.plugin.scan, true); },
+         1013,
+         {L"save failed"},
          "reportHashChain"},
-        {"ReportSignatureInfo", [](Rig& r) { return ReportSignatureInfo(r.plugin.scan, true); }, 1013,
-         {L"save failed"}, "reportSignatureInfo"},
-        {"SetFeatureStatus", [](Rig& r) { return SetFeatureStatus(r.plugin.scan, qv::StringW(L"Scan"), false); }, 0,
-         {L"[name = Scan] [isLocked = 0]"}, nullptr},
+        {"ReportSignatureInfo",
+         [](Rig& r) { return ReportSignatureInfo(r.plugin.scan, true); },
+         1013,
+         {L"save failed"},
+         "reportSignatureInfo"},
+        {"SetFeatureStatus",
+         [](Rig& r) { return SetFeatureStatus(r.plugin.scan, qv::StringW(L"Scan"), false); },
+         0,
+         {L"[name = Scan] [isLocked = 0]"},
+         nullptr},
         {"OnComponentInstalled",
-         [](Rig& r) { return r.plugin.env.update.DeliverComponentInstalled(L"U", L"Antivirus", r.site.engines.c_str()); },
-         0, {L"Cannot save reload info [lastOk = {engines}]", L"Cannot save reload info [oldPath = {engines}] [newPath = {engines}]"},
+         [](Rig& r) {
+             return r.plugin.env.update.DeliverComponentInstalled(L"U", L"Antivirus", r.site.engines.c_str());
+         },
+         0,
+         {L"Cannot save reload info [lastOk = {engines}]",
+          L"Cannot save reload info [oldPath = {engines}] [newPath = {engines}]"},
          nullptr},
     };
     const DWORD shares[] = {MAXDWORD /* read-only attribute */, 0, FILE_SHARE_READ};
@@ -604,21 +656,24 @@ TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
             SCOPED_TRACE(std::string(step.name) + " with block " + std::to_string(share));
             Rig rig(Mode::Normal);
             ASSERT_TRUE(rig.plugin.StartAll());
-            ASSERT_EQ(0u, ReportSignatureInfo(rig.plugin.scan, false));  // the file now holds every key
+            ASSERT_EQ(0u, ReportSignatureInfo(rig.plugin.scan, false)); // the file now holds every key
             const std::wstring& file = rig.site.settingsFile;
             const std::string before = ReadBytes(file);
             const std::vector<bool> old = ReadSwitches(rig.plugin.scan);
             avhost::ClearCapturedLines();
             HANDLE held = INVALID_HANDLE_VALUE;
-            if (share == MAXDWORD) SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
-            else held = CreateFileW(file.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr);
+            if (share == MAXDWORD)
+                SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
+            else
+                held = CreateFileW(file.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr);
             const DWORD result = step.run(rig);
             if (held != INVALID_HANDLE_VALUE) CloseHandle(held);
             SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
 
             EXPECT_EQ(step.code, result);
             for (const std::wstring& line : step.lines)
-                EXPECT_TRUE(avhost::Contains(rig.site.Expand(line))) << "missing line: " << Narrow(rig.site.Expand(line));
+                EXPECT_TRUE(avhost::Contains(rig.site.Expand(line)))
+                    << "missing line: " << Narrow(rig.site.Expand(line));
             EXPECT_EQ(before, ReadBytes(file)) << "the file changed although it could not be written";
             EXPECT_EQ(old, ReadSwitches(rig.plugin.scan)) << "a switch changed although it could not be saved";
             if (step.key) {
@@ -656,7 +711,7 @@ TEST(FileFaults, FilesTheStepsTouchBeingLockedOrUncreatable) {
     struct Case {
         const char* name;
         Mode mode;
-        std::function<HANDLE(Rig&)> prepare;  // a handle to close after the start-up, or INVALID_HANDLE_VALUE
+        std::function<HANDLE(Rig&)> prepare; // a handle to close after the start-up, or INVALID_HANDLE_VALUE
         std::function<void(Rig&)> check;
     };
     const Case cases[] = {

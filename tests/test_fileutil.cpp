@@ -49,9 +49,13 @@ protected:
 };
 
 TEST(PathText, JoinPutsExactlyOneSeparator) {
-    const struct { const wchar_t *base, *name, *joined; } cases[] = {
-        {L"C:\\base\\", L"\\name", L"C:\\base\\name"}, {L"C:\\base", L"name.txt", L"C:\\base\\name.txt"},
-        {L"C:/base/", L"/\\/name", L"C:/base/name"},   {L"C:\\base", L"//name", L"C:\\base\\name"},
+    const struct {
+        const wchar_t *base, *name, *joined;
+    } cases[] = {
+        {L"C:\\base\\", L"\\name", L"C:\\base\\name"},
+        {L"C:\\base", L"name.txt", L"C:\\base\\name.txt"},
+        {L"C:/base/", L"/\\/name", L"C:/base/name"},
+        {L"C:\\base", L"//name", L"C:\\base\\name"},
         {L"", L"\\name", L"name"},
     };
     for (const auto& c : cases) {

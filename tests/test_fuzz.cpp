@@ -102,8 +102,8 @@ std::string ToUtf8(const std::wstring& w) {
 
 std::wstring ToWide(const std::string& s) {
     std::wstring out(s.size(), L'\0');
-    out.resize(MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), &out[0],
-                                   static_cast<int>(out.size())));
+    out.resize(
+        MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), &out[0], static_cast<int>(out.size())));
     return out;
 }
 
@@ -112,27 +112,41 @@ std::string RandomUtf8(std::mt19937& random, bool allowInvalid) {
     std::wstring w;
     for (unsigned length = random() % 12; length; --length) {
         const unsigned kind = random() % 10;
-        if (kind < 5) w += static_cast<wchar_t>(0x20 + random() % 0x5F);
-        else if (kind < 7) w += static_cast<wchar_t>(0xA0 + random() % 0x700);
-        else if (kind < 8) w += static_cast<wchar_t>(0x3000 + random() % 0xA800);  // stops short of surrogates
-        else if (kind < 9) w += {static_cast<wchar_t>(0xD800 + random() % 0x400), static_cast<wchar_t>(0xDC00 + random() % 0x400)};
-        else w += static_cast<wchar_t>(0xE000 + random() % 0x1000);
+        if (kind < 5)
+            w += static_cast<wchar_t>(0x20 + random() % 0x5F);
+        else if (kind < 7)
+            w += static_cast<wchar_t>(0xA0 + random() % 0x700);
+        else if (kind < 8)
+            w += static_cast<wchar_t>(0x3000 + random() % 0xA800); // stops short of surrogates
+        else if (kind < 9)
+            w += {static_cast<wchar_t>(0xD800 + random() % 0x400), static_cast<wchar_t>(0xDC00 + random() % 0x400)};
+        else
+            w += static_cast<wchar_t>(0xE000 + random() % 0x1000);
     }
     std::string s = ToUtf8(w);
-    if (allowInvalid && random() % 8 == 0) s.insert(random() % (s.size() + 1), 1, static_cast<char>(0x80 + random() % 0x80));
+    if (allowInvalid && random() % 8 == 0)
+        s.insert(random() % (s.size() + 1), 1, static_cast<char>(0x80 + random() % 0x80));
     return s;
 }
 
 Json::Value RandomJson(std::mt19937& random, int depth) {
     switch (random() % (depth > 0 ? 10 : 7)) {
-    case 0: return Json::Value();
-    case 1: return Json::Value(random() % 2 == 0);
-    case 2: return Json::Value(static_cast<Json::Int>(random()));
-    case 3: return Json::Value(static_cast<Json::UInt64>(random()) << (random() % 40));
+    case 0:
+        return Json::Value();
+    case 1:
+        return Json::Value(random() % 2 == 0);
+    case 2:
+        return Json::Value(static_cast<Json::Int>(random()));
+    case 3:
+        return Json::Value(static_cast<Json::UInt64>(random()) << (random() % 40));
     case 4: {
-        const double numbers[] = {-0.5, 9007199254740993.0, std::numeric_limits<double>::infinity(), std::nan(""),
-                                  static_cast<double>(random()) / 7.0,
-                                  std::ldexp(static_cast<double>(random()), static_cast<int>(random() % 80))};  // past int64 too
+        const double numbers[] = {
+            -0.5,
+            9007199254740993.0,
+            std::numeric_limits<double>::infinity(),
+            std::nan(""),
+            static_cast<double>(random()) / 7.0,
+            std::ldexp(static_cast<double>(random()), static_cast<int>(random() % 80))}; // past int64 too
         return Json::Value(numbers[random() % 6]);
     }
     case 5:

@@ -43,7 +43,7 @@ TEST_F(SettingsStoreFile, SetsAreDurableAndNestedByTheirSlashes) {
         EXPECT_TRUE(section->SetUInt(L"engines/reloadStatus", 1));
         EXPECT_TRUE(section->SetBool(L"enableBackup", true));
     }
-    EXPECT_EQ(std::vector<std::wstring>{L"settings.json"}, Names(folder));  // replaced whole, no temporary left
+    EXPECT_EQ(std::vector<std::wstring>{L"settings.json"}, Names(folder)); // replaced whole, no temporary left
     SettingsStore reread(path);
     EXPECT_FALSE(reread.LoadedCorrupt());
     EXPECT_EQ(1u, reread.Section(L"/AntivirusScan")["engines"]["reloadStatus"].asUInt());
@@ -79,7 +79,7 @@ TEST_F(SettingsStoreFile, CorruptOrNonObjectFileReadsAsEmpty) {
         EXPECT_EQ(0u, store.Document().size());
         bool backup = false;
         EXPECT_FALSE(Section(store)->GetBool(L"enableBackup", backup));
-        EXPECT_TRUE(Section(store)->SetBool(L"enableBackup", false));  // a set repairs the file
+        EXPECT_TRUE(Section(store)->SetBool(L"enableBackup", false)); // a set repairs the file
         EXPECT_FALSE(SettingsStore(path).LoadedCorrupt());
     }
 }
@@ -145,7 +145,8 @@ TEST(UpdatePluginDelivery, RunsOnItsOwnThreadAfterTheHook) {
     host::HostEnvironment env;
     RecordingUpdateSink sink;
     DWORD hookThread = 0;
-    env.update.SetBeforeDelivery([&](const wchar_t*, const wchar_t*, const wchar_t*) { hookThread = GetCurrentThreadId(); });
+    env.update.SetBeforeDelivery(
+        [&](const wchar_t*, const wchar_t*, const wchar_t*) { hookThread = GetCurrentThreadId(); });
     ASSERT_EQ(0u, env.update.RegisterEvents(&sink, 0, ""));
     EXPECT_EQ(42u, env.update.DeliverComponentInstalled(nullptr, L"Antivirus", L"C:\\Engines\\2"));
     EXPECT_NE(0u, sink.threadId);

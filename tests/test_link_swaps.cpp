@@ -26,7 +26,7 @@ using namespace testing_support;
 using namespace testing_support::slots;
 
 constexpr int kIterations = 2000;
-constexpr ULONGLONG kDeadlineMs = 240000;  // per case; about 60 to 100 s on two busy cores
+constexpr ULONGLONG kDeadlineMs = 240000; // per case; about 60 to 100 s on two busy cores
 
 struct Flip {
     std::wstring name, aside, target;
@@ -85,9 +85,9 @@ public:
     }
     bool Go() { return Send("go\n") && Receive() == "on"; }
     struct Round {
-        long flips = -1;    // made since Go; -1 when the flipper did not answer
-        long touches = -1;  // canary entries opened, created, changed or moved by anyone
-        long unlinks = 0;   // canary entries removed without being opened: Wine's own server
+        long flips = -1;   // made since Go; -1 when the flipper did not answer
+        long touches = -1; // canary entries opened, created, changed or moved by anyone
+        long unlinks = 0;  // canary entries removed without being opened: Wine's own server
     };
     Round Stop() {
         Round round;
@@ -147,7 +147,8 @@ protected:
     }
     std::string CanaryState() {
         std::string text;
-        for (const std::wstring& name : Names(canary)) text += Narrow(name) + "=" + ReadBytes(canary + L"\\" + name) + " ";
+        for (const std::wstring& name : Names(canary))
+            text += Narrow(name) + "=" + ReadBytes(canary + L"\\" + name) + " ";
         return text;
     }
     bool CanaryIntact() {
@@ -215,14 +216,15 @@ TEST_F(LinkSwaps, RemoteOnlyCacheAndRecoveryPlaceholders) {
     const std::wstring installer = common + L"\\installer";
     FillCanary({L"dalvik.cvd", L"lhdb.cvd", L"nnml.cvd", L"wslib.db", L"wslib.m"});
     for (const std::wstring& name : {plugins, installer}) AddFlip(name);
-    AddFlip(engines + L"\\qvcore.dll", L"\\qvcore.dll");  // a dangling link: nothing may be created there
+    AddFlip(engines + L"\\qvcore.dll", L"\\qvcore.dll"); // a dangling link: nothing may be created there
     plugin.env.servConfig.SetText(51, L"BASE", L"remote");
     plugin.env.remoteScan.SetStatus(true);
     plugin.env.manager.SetMissing(qv::kxsdk::ids::kScanSpName);
     int deleted = 0, created = 0;
     Swap(
         [&] {
-            for (const wchar_t* name : {L"dalvik.cvd", L"lhdb.cvd", L"nnml.cvd"}) WriteBytes(plugins + L"\\" + name, "own");
+            for (const wchar_t* name : {L"dalvik.cvd", L"lhdb.cvd", L"nnml.cvd"})
+                WriteBytes(plugins + L"\\" + name, "own");
             WriteBytes(installer + L"\\wslib.db", "own");
             WriteBytes(installer + L"\\wslib.m", "own");
             for (const wchar_t* name : {L"qvcore.dll", L"scanclient.dll", L"smartdbv2.dat"})
@@ -248,7 +250,8 @@ TEST_F(LinkSwaps, PluginPlaceholdersAndCoreTempClean) {
     Swap(
         [&] {
             MakeFolders({old, keep, keep + L"\\inner"});
-            for (const wchar_t* name : {L"lhdb.cvd", L"nnml.cvd", L"xgdb.cvd"}) DeleteFileW((plugins + L"\\" + name).c_str());
+            for (const wchar_t* name : {L"lhdb.cvd", L"nnml.cvd", L"xgdb.cvd"})
+                DeleteFileW((plugins + L"\\" + name).c_str());
             WriteBytes(old + L"\\x.tmp", "own");
             WriteBytes(keep + L"\\inner\\dump.tmp", "own");
         },

@@ -34,7 +34,8 @@ struct Summary {
 };
 
 std::string Replace(std::string text, const std::string& from, const std::string& to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) text.replace(at, from.size(), to);
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+        text.replace(at, from.size(), to);
     return text;
 }
 
@@ -52,8 +53,8 @@ struct Folders {
 
 void LayOut(const Folders& folders) {
     const std::wstring &root = folders.root, &engines = folders.engines, &core = folders.core, &common = folders.common;
-    for (const std::wstring& dir : {engines, engines + L"\\Plugins", root + L"\\temp", core, common,
-                                    common + L"\\installer"})
+    for (const std::wstring& dir :
+         {engines, engines + L"\\Plugins", root + L"\\temp", core, common, common + L"\\installer"})
         CreateDirectoryW(dir.c_str(), nullptr);
     WriteBytes(root + L"\\temp\\old.tmp", "x");
     WriteBytes(engines + L"\\Plugins\\update.txt", "kit\ncount 77\nx\nversion 3.2.1\n");

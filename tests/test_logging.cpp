@@ -56,9 +56,7 @@ TEST_F(Logging, TracedCallWritesEntryAndExitLines) {
     // The exit line carries the milliseconds the traced scope took, on the same clock as ours:
     // never more than the time around it. How long tracing takes is for the benchmarks.
     const DWORD before = timeGetTime();
-    {
-        QV_TRACE(L"Foo::Bar");
-    }
+    { QV_TRACE(L"Foo::Bar"); }
     const DWORD around = timeGetTime() - before;
     std::vector<LogLine> lines = avhost::CapturedLines();
     ASSERT_EQ(2u, lines.size());
@@ -104,7 +102,7 @@ TEST_F(Logging, WithoutAReferenceMessagesAreDroppedAndTracesLoadPerLine) {
     EXPECT_EQ(before.initCalls, avhost::Counters().initCalls);
     {
         QV_TRACE(L"Test::Unheld");
-        EXPECT_FALSE(LogLibraryLoaded());  // the trace keeps no reference between its lines
+        EXPECT_FALSE(LogLibraryLoaded()); // the trace keeps no reference between its lines
         QV_LOG(LOG_SEV_INFO, L"inside");
     }
     EXPECT_FALSE(LogLibraryLoaded());
@@ -127,14 +125,23 @@ TEST_F(Logging, HolderResolvesEveryEntryPointByName) {
     ASSERT_NE(nullptr, module);
     EXPECT_EQ(module, dll->module.Get());
     const std::pair<void*, const char*> slots[] = {
-        {dll->applySettings, "LogApplySettings"}, {dll->setSettingsFile, "LogSetSettingsFile"},
-        {dll->enable, "LogEnable"}, {dll->setLevel, "LogSetLevel"}, {dll->setPath, "LogSetPath"},
-        {dll->setType, "LogSetType"}, {dll->setMode, "LogSetMode"}, {dll->setMaxSize, "LogSetMaxSize"},
-        {dll->setDepth, "LogSetDepth"}, {reinterpret_cast<void*>(dll->write), "LogWrite"},
-        {dll->isEnabled, "LogIsEnabled"}, {dll->monitorSettings, "LogMonitorSettings"},
+        {dll->applySettings, "LogApplySettings"},
+        {dll->setSettingsFile, "LogSetSettingsFile"},
+        {dll->enable, "LogEnable"},
+        {dll->setLevel, "LogSetLevel"},
+        {dll->setPath, "LogSetPath"},
+        {dll->setType, "LogSetType"},
+        {dll->setMode, "LogSetMode"},
+        {dll->setMaxSize, "LogSetMaxSize"},
+        {dll->setDepth, "LogSetDepth"},
+        {reinterpret_cast<void*>(dll->write), "LogWrite"},
+        {dll->isEnabled, "LogIsEnabled"},
+        {dll->monitorSettings, "LogMonitorSettings"},
         {reinterpret_cast<void*>(dll->uninitDeskMetrics), "LogUninitDeskMetrics"},
-        {dll->trackEvent, "LogTrackEvent"}, {dll->trackEventData, "LogTrackEventData"},
-        {reinterpret_cast<void*>(dll->removeModule), "LogRemoveModule"}, {dll->getLevel, "LogGetLevel"},
+        {dll->trackEvent, "LogTrackEvent"},
+        {dll->trackEventData, "LogTrackEventData"},
+        {reinterpret_cast<void*>(dll->removeModule), "LogRemoveModule"},
+        {dll->getLevel, "LogGetLevel"},
     };
     for (const auto& slot : slots) {
         EXPECT_NE(nullptr, slot.first) << slot.second;
@@ -159,7 +166,7 @@ TEST_F(Logging, HolderAcquiredTwiceGivesBothBackOnOneRelease) {
     EXPECT_FALSE(LogLibraryLoaded());
     EXPECT_EQ(1, avhost::Counters().initCalls - before.initCalls);
     EXPECT_EQ(1, avhost::Counters().deinitCalls - before.deinitCalls);
-    holder.Release();  // nothing left to give back
+    holder.Release(); // nothing left to give back
     EXPECT_EQ(0, UseCount());
 }
 

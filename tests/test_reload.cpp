@@ -28,7 +28,7 @@ struct EnginesSink : IAntivirusScan::IEnginesEvents {
     EnginesSink(Journal& journal, const wchar_t* name) : journal(journal), name(name) {}
     int OnReloadStarted(const qv::StringW& path) override {
         journal.Add(name + L":started " + path.c_str());
-        return 1359;  // answers are ignored
+        return 1359; // answers are ignored
     }
     int OnReloadEnded(const qv::StringW& path, int error) override {
         journal.Add(name + L":ended " + path.c_str() + L" " + std::to_wstring(error));
@@ -104,8 +104,9 @@ TEST_F(Reload, StatusTwoAfterSuccessOneKeptAfterFailureAndRefreshesEveryTime) {
         EXPECT_EQ(result ? 1u : 2u, Engines()["reloadStatus"].asUInt());
         EXPECT_EQ(Narrow(engines), Engines()["folder"].asString());
         EXPECT_EQ(result ? 1u : 3u, EnginesWrites().size());
-        EXPECT_TRUE(LineWith(L"OnReloadEnded [path = " + std::wstring(kKit) + L"] [error = " + std::to_wstring(result) +
-                                 L"]", result ? 4 : 32));
+        EXPECT_TRUE(
+            LineWith(L"OnReloadEnded [path = " + std::wstring(kKit) + L"] [error = " + std::to_wstring(result) + L"]",
+                     result ? 4 : 32));
         // The refreshes follow, in order, after either outcome.
         const int ended = IndexOf(Entry(L"RefreshBackupStatus")), sigInfo = IndexOf(Entry(L"ComputeSigInfo"));
         const int modes = IndexOf(Entry(L"RefreshScanModes")), clean = IndexOf(Entry(L"CleanCoreTempFolder"));
@@ -126,7 +127,8 @@ TEST_F(Reload, MaintenanceUpdatersInAnyCaseOnlyRecordStatusThree) {
         avhost::ClearCapturedLines();
         EXPECT_EQ(0u, Install(updater, L"antiVIRUS"));
         EXPECT_EQ(std::vector<std::string>{"engines/reloadStatus=3"}, EnginesWrites());
-        EXPECT_TRUE(LineWith(L"Skip reload engines because of maintenance update [updater = " + std::wstring(updater) + L"]", 8));
+        EXPECT_TRUE(LineWith(
+            L"Skip reload engines because of maintenance update [updater = " + std::wstring(updater) + L"]", 8));
         EXPECT_EQ(-1, IndexOf(Entry(L"ComputeSigInfo")));
         EXPECT_EQ(-1, IndexOf(Entry(L"CleanCoreTempFolder")));
     }
@@ -136,7 +138,8 @@ TEST_F(Reload, MaintenanceUpdatersInAnyCaseOnlyRecordStatusThree) {
 
 TEST_F(Reload, OnlyTheAntivirusComponentInAnyCaseIsReloaded) {
     StartPlugin();
-    for (const wchar_t* component : {L"AntivirusX", L"Antivirus ", L"Anti"}) EXPECT_EQ(0u, Install(L"Sched", component));
+    for (const wchar_t* component : {L"AntivirusX", L"Antivirus ", L"Anti"})
+        EXPECT_EQ(0u, Install(L"Sched", component));
     EXPECT_EQ(0, Reloads());
     EXPECT_TRUE(EnginesWrites().empty());
     for (const wchar_t* component : {L"ANTIVIRUS", L"antivirus"}) EXPECT_EQ(0u, Install(L"Sched", component));
@@ -186,7 +189,7 @@ TEST_F(RecoveryReload, ProviderStillMissingInvalidatesTheCacheAgain) {
 
 TEST_F(RecoveryReload, ProviderNowLoadableRecordsTheFolderAndAsksForARestart) {
     plugin.env.manager.Restore(ids::kScanSpName);
-    for (size_t n = 1; n <= 2; ++n) {  // every fixed installation asks again
+    for (size_t n = 1; n <= 2; ++n) { // every fixed installation asks again
         EXPECT_EQ(0u, Install());
         EXPECT_EQ(2u, Engines()["reloadStatus"].asUInt());
         EXPECT_EQ(Narrow(engines), Engines()["folder"].asString());

@@ -91,7 +91,8 @@ TEST_F(RemoteOnlyFiles, UncreatablePlaceholdersAreEachTriedAndNothingElseSuffers
     UseScanType(L"full");
     ASSERT_TRUE(plugin.StartAll());
     for (const wchar_t* name : {L"lhdb.cvd", L"nnml.cvd ", L"xgdb.cvd"})
-        EXPECT_EQ(1, CountFramed(L"Cannot create missing file. [error = ", L"[path = " + plugins + L"\\" + name + L"]", 4))
+        EXPECT_EQ(1,
+                  CountFramed(L"Cannot create missing file. [error = ", L"[path = " + plugins + L"\\" + name + L"]", 4))
             << Narrow(name);
     EXPECT_EQ("not a folder", ReadBytes(plugins));
     EXPECT_EQ(1, CountStartingWith(L"Signature [version = "));

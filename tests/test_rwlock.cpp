@@ -14,10 +14,10 @@
 
 using qv::CSyncRWLock;
 using qvtest::kProceedMs;
-using qvtest::StateOf;
-using qvtest::WaitForWaiters;
 using qvtest::Signal;
+using qvtest::StateOf;
 using qvtest::TestThread;
+using qvtest::WaitForWaiters;
 
 namespace {
 
@@ -88,7 +88,7 @@ TEST(SyncRWLock, WaitingWriterKeepsNewReadersOutButNotARecursiveOne) {
         lock.AcquireRead(0);
         first.Set();
         again.Wait(3 * kProceedMs);
-        lock.AcquireRead(0);  // already a reader: must not queue behind the writer
+        lock.AcquireRead(0); // already a reader: must not queue behind the writer
         lock.ReleaseRead(0);
         lock.ReleaseRead(0);
         done.Set();
@@ -159,15 +159,65 @@ void ExitOnTerminate() {
 }
 
 const ChildMode childModes[] = {
-    {"rwlock-legal", [] { ExitOnTerminate(); CSyncRWLock l; l.AcquireRead(0); l.AcquireRead(0); l.ReleaseRead(0);
-                          l.ReleaseRead(0); l.AcquireWrite(0); l.AcquireRead(0); l.ReleaseWrite(0); l.ReleaseRead(0); }},
-    {"rwlock-release-read-free", [] { ExitOnTerminate(); CSyncRWLock l; l.ReleaseRead(0); }},
-    {"rwlock-release-read-of-other", [] { ExitOnTerminate(); CSyncRWLock l; l.AcquireRead(4242); l.ReleaseRead(0); }},
-    {"rwlock-writer-releases-read", [] { ExitOnTerminate(); CSyncRWLock l; l.AcquireWrite(0); l.ReleaseRead(0); }},
-    {"rwlock-release-write-of-other", [] { ExitOnTerminate(); CSyncRWLock l; l.AcquireWrite(4242); l.ReleaseWrite(0); }},
-    {"rwlock-release-write-free", [] { ExitOnTerminate(); CSyncRWLock l; l.ReleaseWrite(0); }},
-    {"rwlock-upgrade", [] { ExitOnTerminate(); CSyncRWLock l; l.AcquireRead(0); l.AcquireWrite(0); }},
-    {"rwlock-upgrade-unhandled", [] { CSyncRWLock l; l.AcquireRead(0); l.AcquireWrite(0); }},
+    {"rwlock-legal",
+     [] {
+         ExitOnTerminate();
+         CSyncRWLock l;
+         l.AcquireRead(0);
+         l.AcquireRead(0);
+         l.ReleaseRead(0);
+         l.ReleaseRead(0);
+         l.AcquireWrite(0);
+         l.AcquireRead(0);
+         l.ReleaseWrite(0);
+         l.ReleaseRead(0);
+     }},
+    {"rwlock-release-read-free",
+     [] {
+         ExitOnTerminate();
+         CSyncRWLock l;
+         l.ReleaseRead(0);
+     }},
+    {"rwlock-release-read-of-other",
+     [] {
+         ExitOnTerminate();
+         CSyncRWLock l;
+         l.AcquireRead(4242);
+         l.ReleaseRead(0);
+     }},
+    {"rwlock-writer-releases-read",
+     [] {
+         ExitOnTerminate();
+         CSyncRWLock l;
+         l.AcquireWrite(0);
+         l.ReleaseRead(0);
+     }},
+    {"rwlock-release-write-of-other",
+     [] {
+         ExitOnTerminate();
+         CSyncRWLock l;
+         l.AcquireWrite(4242);
+         l.ReleaseWrite(0);
+     }},
+    {"rwlock-release-write-free",
+     [] {
+         ExitOnTerminate();
+         CSyncRWLock l;
+         l.ReleaseWrite(0);
+     }},
+    {"rwlock-upgrade",
+     [] {
+         ExitOnTerminate();
+         CSyncRWLock l;
+         l.AcquireRead(0);
+         l.AcquireWrite(0);
+     }},
+    {"rwlock-upgrade-unhandled",
+     [] {
+         CSyncRWLock l;
+         l.AcquireRead(0);
+         l.AcquireWrite(0);
+     }},
 };
 
 TEST(SyncRWLockMisuse, EachMisuseEndsTheProcessThroughTerminate) {
@@ -176,7 +226,7 @@ TEST(SyncRWLockMisuse, EachMisuseEndsTheProcessThroughTerminate) {
         EXPECT_EQ(kTerminatedExit, RunChild(name)) << name;
     }
     EXPECT_EQ(0u, RunChild("rwlock-legal"));
-    const DWORD code = RunChild("rwlock-upgrade-unhandled");  // no handler: ends abnormally
+    const DWORD code = RunChild("rwlock-upgrade-unhandled"); // no handler: ends abnormally
     EXPECT_NE(0u, code);
     EXPECT_NE(0xFFFFFFFFu, code);
 }

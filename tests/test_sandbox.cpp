@@ -32,8 +32,8 @@ SandboxRun RunSandbox(const std::wstring& arguments) {
     SandboxRun run;
     const std::wstring folder = TempFolder(L"sandbox-run");
     const std::wstring outPath = folder + L"\\out.txt", errPath = folder + L"\\err.txt";
-    std::wstring command = L"\"" + ExeFolder() + L"\\avsandbox.exe\" " + arguments + L" --summary \"" + folder +
-                           L"\\summary.json\"";
+    std::wstring command =
+        L"\"" + ExeFolder() + L"\\avsandbox.exe\" " + arguments + L" --summary \"" + folder + L"\\summary.json\"";
     HANDLE out = Inheritable(outPath), err = Inheritable(errPath);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
@@ -155,7 +155,7 @@ TEST(Sandbox, RemoteOnlyScenarioDeletesTheTenLocalFilesAndScansRemotely) {
 TEST(Sandbox, BadInputGivesOneErrorLineAndAUsageExitCode) {
     const std::wstring folder = TempFolder(L"sandbox-bad");
     struct Case {
-        const char* scenario;  // file content; null: `arguments` alone
+        const char* scenario; // file content; null: `arguments` alone
         const wchar_t* arguments;
         const char* mustName;
     };

@@ -32,9 +32,12 @@ enum class Fire { Settings, ScanMode, StatusOn, StatusOff };
 
 DWORD FireEvent(host::RemoteScanPlugin& remote, Fire fire) {
     switch (fire) {
-    case Fire::Settings: return EndIfStuck(remote.FireSettingsChanged(kFireTimeoutMs));
-    case Fire::ScanMode: return EndIfStuck(remote.FireScanModeChanged(kFireTimeoutMs));
-    default: return EndIfStuck(remote.FireStatusChanged(fire == Fire::StatusOn, kFireTimeoutMs));
+    case Fire::Settings:
+        return EndIfStuck(remote.FireSettingsChanged(kFireTimeoutMs));
+    case Fire::ScanMode:
+        return EndIfStuck(remote.FireScanModeChanged(kFireTimeoutMs));
+    default:
+        return EndIfStuck(remote.FireStatusChanged(fire == Fire::StatusOn, kFireTimeoutMs));
     }
 }
 
@@ -49,7 +52,7 @@ struct DecisionRow {
     uint32_t rsMode;
     Fire fire;
     int fallbackFlag;
-    bool computed;  // false: the pair stays startPair and nothing is fired
+    bool computed; // false: the pair stays startPair and nothing is fired
     Pair pair;
     const wchar_t* message;
     uint32_t severity;
@@ -86,9 +89,9 @@ const DecisionRow kDecisionRows[] = {
 };
 
 TEST(ScanModeDecision, EveryRowThroughTheRemoteScanEvents) {
-    const wchar_t* const handlers[] = {L"-> AntivirusScanAL::OnSettingsChanged()",
-                                       L"-> AntivirusScanAL::OnScanModeChanged()",
-                                       L"-> AntivirusScanAL::OnStatusChanged()", L"-> AntivirusScanAL::OnStatusChanged()"};
+    const wchar_t* const handlers[] = {
+        L"-> AntivirusScanAL::OnSettingsChanged()", L"-> AntivirusScanAL::OnScanModeChanged()",
+        L"-> AntivirusScanAL::OnStatusChanged()", L"-> AntivirusScanAL::OnStatusChanged()"};
     int index = 0;
     for (const DecisionRow& row : kDecisionRows) {
         SCOPED_TRACE("row " + std::to_string(index++));
@@ -124,7 +127,7 @@ TEST(ScanModeDecision, EveryRowThroughTheRemoteScanEvents) {
         if (row.computed) {
             EXPECT_EQ(plugin->env.remoteScan.Fires().back().threadId, sink.scanThread);
         }
-        plugin->StopAll();  // the object, which still holds the sink, goes first
+        plugin->StopAll(); // the object, which still holds the sink, goes first
         plugin.reset();
     }
 }
@@ -146,7 +149,8 @@ protected:
 TEST_F(ScanModes, OnlyAChangedPairIsAnnounced) {
     ASSERT_NO_FATAL_FAILURE(Run(L"light", true, 2));
     plugin.env.remoteScan.SetFallbackMode(1);
-    for (Fire fire : {Fire::Settings, Fire::ScanMode, Fire::StatusOn}) EXPECT_EQ(0u, FireEvent(plugin.env.remoteScan, fire));
+    for (Fire fire : {Fire::Settings, Fire::ScanMode, Fire::StatusOn})
+        EXPECT_EQ(0u, FireEvent(plugin.env.remoteScan, fire));
     EXPECT_EQ(3, CountOf(L"RemoteScan info [status = 1] [fallback = 1] [rsMode = 1] ")) << "all three computed";
     plugin.env.remoteScan.SetFallbackMode(2);
     EXPECT_EQ(0u, FireEvent(plugin.env.remoteScan, Fire::ScanMode));
@@ -183,14 +187,14 @@ TEST(ScanType, FromTheConfigurationText) {
     struct TypeCase {
         const wchar_t* text;
         DWORD init;
-        uint32_t type;  // what GetScanType answers afterwards
+        uint32_t type; // what GetScanType answers afterwards
     };
-    const TypeCase cases[] = {{L"full", 0, 2},   {L"light", 0, 1}, {L"remote", 0, 0}, {L"LIGHT", 0, 1},
+    const TypeCase cases[] = {{L"full", 0, 2},   {L"light", 0, 1}, {L"remote", 0, 0},  {L"LIGHT", 0, 1},
                               {L"Remote", 0, 0}, {L"FuLL", 0, 2},  {L" light", 13, 2}, {L"light ", 13, 2},
                               {L"", 13, 2},      {L"lite", 13, 2}};
     for (const TypeCase& c : cases) {
         SCOPED_TRACE(Describe(c.text));
-        PluginUnderTest fresh;  // a new object's type is full
+        PluginUnderTest fresh; // a new object's type is full
         avhost::ClearCapturedLines();
         fresh.env.servConfig.SetText(51, L"BASE", c.text);
         fresh.env.remoteScan.SetStatus(true);

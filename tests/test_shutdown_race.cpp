@@ -30,7 +30,7 @@ namespace ids = qv::kxsdk::ids;
 constexpr int kCallers = 8;
 constexpr int kCyclesPerPhase = 100;
 constexpr DWORD kRecoveryCode = 0x8004D082;
-constexpr DWORD kStalledMs = 30000;  // no cycle for this long is a hang
+constexpr DWORD kStalledMs = 30000; // no cycle for this long is a hang
 
 struct NullSinks : IAntivirusScan::IEnginesEvents, IAntivirusScan::IScanEvents, IAntivirusScan::ISettingsEvents {
     int OnReloadStarted(const qv::StringW&) override { return 0; }
@@ -100,7 +100,7 @@ const wchar_t* const kServedNames[] = {ids::kServConfigName, ids::kSettingsName,
 
 struct PhaseResult {
     int cycles = 0;
-    int heldBack = 0;  // cycles in which an installation was held back until UnInit
+    int heldBack = 0; // cycles in which an installation was held back until UnInit
     int wrongAnswers = 0;
     DWORD firstWrong = 0;
     std::vector<std::string> lifecycleFailures;
@@ -144,8 +144,8 @@ PhaseResult RunPhase(PluginUnderTest& plugin, bool recovery) {
     }
     threads.push_back(std::make_unique<qvtest::TestThread>([&] {
         while (running.load()) {
-            EndIfStuck(env.update.DeliverComponentInstalled(L"kitUpdater", L"Antivirus", L"C:\\engines\\new",
-                                                            kFireTimeoutMs));
+            EndIfStuck(
+                env.update.DeliverComponentInstalled(L"kitUpdater", L"Antivirus", L"C:\\engines\\new", kFireTimeoutMs));
         }
     }));
     threads.push_back(std::make_unique<qvtest::TestThread>([&] {
@@ -244,9 +244,12 @@ void ExpectCleanHandOver(host::HostEnvironment& env) {
     struct Served {
         const char* name;
         const host::ServedPlugin& served;
-    } const served[] = {{"productinfo", env.servConfig.served}, {"KXSettings", env.settings.served},
-                        {"Update.UpdateAL", env.update.served}, {"AntivirusScan.Remote", env.remoteScan.served},
-                        {"ctc", env.ctc.served},                {"scansp", env.scanSp.served},
+    } const served[] = {{"productinfo", env.servConfig.served},
+                        {"KXSettings", env.settings.served},
+                        {"Update.UpdateAL", env.update.served},
+                        {"AntivirusScan.Remote", env.remoteScan.served},
+                        {"ctc", env.ctc.served},
+                        {"scansp", env.scanSp.served},
                         {"Product.Matrix", env.telemetry.served}};
     for (const Served& s : served) {
         EXPECT_EQ(s.served.CallsAfterRelease(), 0) << s.name;
@@ -287,11 +290,12 @@ TEST(ShutdownRace, InitLooksUpAndUnInitHandsBackInTheirOrder) {
     plugin.StopAll();
     using Entry = host::ComponentManager::JournalEntry;
     const std::vector<Entry> expected = {
-        {Entry::Get, ids::kServConfigName},  {Entry::Get, ids::kUpdateName},     {Entry::Get, ids::kSettingsName},
-        {Entry::Get, ids::kScanSpName},      {Entry::Get, ids::kRemoteScanName}, {Entry::Get, ids::kCtcName},
-        {Entry::Release, ids::kCtcName},     {Entry::Release, ids::kRemoteScanName},
+        {Entry::Get, ids::kServConfigName},     {Entry::Get, ids::kUpdateName},
+        {Entry::Get, ids::kSettingsName},       {Entry::Get, ids::kScanSpName},
+        {Entry::Get, ids::kRemoteScanName},     {Entry::Get, ids::kCtcName},
+        {Entry::Release, ids::kCtcName},        {Entry::Release, ids::kRemoteScanName},
         {Entry::Release, ids::kServConfigName}, {Entry::Release, ids::kSettingsName},
-        {Entry::Release, ids::kUpdateName},  {Entry::Release, ids::kScanSpName},
+        {Entry::Release, ids::kUpdateName},     {Entry::Release, ids::kScanSpName},
     };
     EXPECT_TRUE(plugin.env.manager.Journal() == expected);
 }

@@ -49,7 +49,7 @@ public:
     int OnValue(int value) override {
         journal_.Add(name_ + L":value=" + std::to_wstring(value));
         if (duringValue) duringValue();
-        return 1359;  // results are ignored
+        return 1359; // results are ignored
     }
     int OnNamed(const qv::StringW& name, bool flag) override {
         journal_.Add(name_ + L":named=" + name.c_str() + (flag ? L",1" : L",0"));
@@ -65,8 +65,8 @@ private:
 
 using ValueSinks = qv::SynchronyzedObjectContainer<IValueEvents*>;
 using ValueChanged = qv::Event<qv::MemberFunction_1_args<IValueEvents, int, int, &IValueEvents::OnValue>>;
-using NamedChanged = qv::Event<
-    qv::MemberFunction_2_args<IValueEvents, int, const qv::StringW&, bool, &IValueEvents::OnNamed>>;
+using NamedChanged =
+    qv::Event<qv::MemberFunction_2_args<IValueEvents, int, const qv::StringW&, bool, &IValueEvents::OnNamed>>;
 
 class SinkContainerTest : public testing::Test {
 protected:
@@ -90,7 +90,7 @@ TEST_F(SinkContainerTest, RegistrationResults) {
     EXPECT_EQ(1627u, valueSinks.Register(&a));
     valueChanged.Fire(5);
     namedChanged.Fire(qv::StringW(L"scan"), true);
-    EXPECT_EQ((Lines{L"a:value=5", L"a:named=scan,1"}), journal.Take());  // heard once
+    EXPECT_EQ((Lines{L"a:value=5", L"a:named=scan,1"}), journal.Take()); // heard once
     EXPECT_EQ(0u, valueSinks.Unregister(&a));
     EXPECT_EQ(1627u, valueSinks.Unregister(&a));
     valueChanged.Fire(1);

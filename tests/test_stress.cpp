@@ -1,8 +1,8 @@
 // Load: eight callers hammer IAntivirusScan with a fixed-seed mix of every slot while the
 // remote-scan plug-in fires its events and the update plug-in delivers "Antivirus" installations.
 // The scan provider refuses one backup option in four, so that EnableBackup rolls back under load,
-// and the feature table grows to thousands of names. A watchdog fails the run when a thread makes no progress for five seconds. Afterwards the
-// settings file must hold what the plug-in answers, every sink call must have been consistent,
+// and the feature table grows to thousands of names. A watchdog fails the run when a thread makes no progress for five
+// seconds. Afterwards the settings file must hold what the plug-in answers, every sink call must have been consistent,
 // and every plug-in and settings section must have been handed back.
 #include "tests/common/ScanSlots.h"
 
@@ -36,7 +36,7 @@ const std::vector<std::wstring>& Features() {
 }
 constexpr DWORD kHangMs = 5000;
 
-DWORD LoadMilliseconds() {  // AVSCAN_STRESS_SECONDS changes the length for a local run
+DWORD LoadMilliseconds() { // AVSCAN_STRESS_SECONDS changes the length for a local run
     wchar_t text[16] = {};
     const DWORD n = GetEnvironmentVariableW(L"AVSCAN_STRESS_SECONDS", text, 16);
     const int seconds = n > 0 && n < 16 ? _wtoi(text) : 20;
@@ -78,8 +78,9 @@ class Sinks : public IAntivirusScan::ISettingsEvents,
               public IAntivirusScan::IEnginesEvents,
               public IAntivirusScan::IScanEvents {
 public:
-    Sinks(Faults& faults, Reloads& reloads, std::atomic<long>& calls) : faults_(faults), reloads_(reloads), calls_(calls) {}
-    std::atomic<bool> on[3] = {{false}, {false}, {false}};  // settings, engines, scan
+    Sinks(Faults& faults, Reloads& reloads, std::atomic<long>& calls)
+        : faults_(faults), reloads_(reloads), calls_(calls) {}
+    std::atomic<bool> on[3] = {{false}, {false}, {false}}; // settings, engines, scan
 
     int OnBackupStatusChanged(bool) override { return Seen(0, "backup"); }
     int OnFeatureStatusChanged(const qv::StringW& name, bool) override {
@@ -107,11 +108,14 @@ public:
         return Seen(2, "scan modes");
     }
     DWORD Register(void* scan, int which) {
-        return which == 0 ? RegisterSettings(scan, this) : which == 1 ? RegisterEngines(scan, this) : RegisterScan(scan, this);
+        return which == 0   ? RegisterSettings(scan, this)
+               : which == 1 ? RegisterEngines(scan, this)
+                            : RegisterScan(scan, this);
     }
     DWORD Unregister(void* scan, int which) {
-        return which == 0 ? UnregisterSettings(scan, this)
-               : which == 1 ? UnregisterEngines(scan, this) : UnregisterScan(scan, this);
+        return which == 0   ? UnregisterSettings(scan, this)
+               : which == 1 ? UnregisterEngines(scan, this)
+                            : UnregisterScan(scan, this);
     }
 
 private:
@@ -141,8 +145,9 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
     Reloads reloads;
     std::atomic<long> sinkCalls{0}, calls{0}, fires{0}, deliveries{0}, rollbacks{0};
     std::vector<std::wstring> paths;
-    for (int i = 0; i < 3; ++i) reloads.paths.insert(*paths.insert(paths.end(), engines + L"\\kit" + std::to_wstring(i)));
-    plugin.env.scanSp.SetReloadHandler([&reloads] {  // one reload in four fails
+    for (int i = 0; i < 3; ++i)
+        reloads.paths.insert(*paths.insert(paths.end(), engines + L"\\kit" + std::to_wstring(i)));
+    plugin.env.scanSp.SetReloadHandler([&reloads] { // one reload in four fails
         const DWORD result = ++reloads.count % 4 == 0 ? 1460 : 0;
         std::lock_guard<std::mutex> lock(reloads.mutex);
         reloads.resultByThread[GetCurrentThreadId()] = result;
@@ -176,33 +181,57 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
             auto pick = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
             Sinks sinks(faults, reloads, sinkCalls);
             const std::function<bool()> ops[] = {
-                [&] { ScanType t; return GetScanType(scan, &t) == 0 && t == qv::kxsdk::AntivirusScan::Full; },
-                [&] { ScanMode p, f; return GetScanModes(scan, &p, &f) == 0 && ValidFullPair(p, f); },
-                [&] {  // refused by the provider: rolled back
+                [&] {
+                    ScanType t;
+                    return GetScanType(scan, &t) == 0 && t == qv::kxsdk::AntivirusScan::Full;
+                },
+                [&] {
+                    ScanMode p, f;
+                    return GetScanModes(scan, &p, &f) == 0 && ValidFullPair(p, f);
+                },
+                [&] { // refused by the provider: rolled back
                     const DWORD result = EnableBackup(scan, pick(2) == 1);
                     if (result == ERROR_INTERNAL_ERROR) ++rollbacks;
                     return result == 0 || result == ERROR_INTERNAL_ERROR;
                 },
-                [&] { bool on; return IsBackupEnabled(scan, &on) == 0; },
-                [&] { qv::StringW v; return GetEnginesVersion(scan, &v) == 0 && v == L"1.2.3"; },
-                [&] { uint64_t c = 0; return GetSignaturesCount(scan, &c) == 0 && c == 42; },
+                [&] {
+                    bool on;
+                    return IsBackupEnabled(scan, &on) == 0;
+                },
+                [&] {
+                    qv::StringW v;
+                    return GetEnginesVersion(scan, &v) == 0 && v == L"1.2.3";
+                },
+                [&] {
+                    uint64_t c = 0;
+                    return GetSignaturesCount(scan, &c) == 0 && c == 42;
+                },
                 [&] { return SetFeatureStatus(scan, qv::StringW(FeatureName(pick).c_str()), pick(2) == 1) == 0; },
-                [&] { bool l; return GetFeatureStatus(scan, qv::StringW(FeatureName(pick).c_str()), &l) == 0; },
+                [&] {
+                    bool l;
+                    return GetFeatureStatus(scan, qv::StringW(FeatureName(pick).c_str()), &l) == 0;
+                },
                 [&] { return ReportHashChain(scan, pick(2) == 1) == 0; },
-                [&] { HashChainSettings hc; return GetHashChainSettings(scan, &hc) == 0; },
+                [&] {
+                    HashChainSettings hc;
+                    return GetHashChainSettings(scan, &hc) == 0;
+                },
                 [&] { return ReportSignatureInfo(scan, pick(2) == 1) == 0; },
-                [&] { bool on; return IsSignatureInfoReported(scan, &on) == 0; },
-                [&] {  // toggle a registration; a second registration is refused
+                [&] {
+                    bool on;
+                    return IsSignatureInfoReported(scan, &on) == 0;
+                },
+                [&] { // toggle a registration; a second registration is refused
                     const int which = pick(3);
                     if (sinks.on[which]) {
                         const bool ok = sinks.Unregister(scan, which) == 0;
-                        sinks.on[which] = false;  // after the call: nothing may arrive from now on
+                        sinks.on[which] = false; // after the call: nothing may arrive from now on
                         return ok;
                     }
-                    sinks.on[which] = true;  // before the call: an event may arrive before it returns
+                    sinks.on[which] = true; // before the call: an event may arrive before it returns
                     return sinks.Register(scan, which) == 0 && sinks.Register(scan, which) == 1627;
                 },
-                [&] {  // unknown and null sinks are refused
+                [&] { // unknown and null sinks are refused
                     Sinks stranger(faults, reloads, sinkCalls);
                     return UnregisterScan(scan, &stranger) == 1627 && RegisterEngines(scan, nullptr) == 87;
                 },
@@ -241,7 +270,7 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
         while (!stop) {
             tick[kCallers + 1] = GetTickCount();
             const std::wstring& path = paths[random() % paths.size()];
-            const bool maintenance = random() % 8 == 0;  // must not reload
+            const bool maintenance = random() % 8 == 0; // must not reload
             faults.Check(plugin.env.update.DeliverComponentInstalled(maintenance ? L"kitInstaller_sync" : L"Updater",
                                                                      L"Antivirus", path.c_str(), kHangMs * 2) != 0,
                          "OnComponentInstalled");
@@ -281,7 +310,7 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
         const std::string key(feature.begin(), feature.end());
         EXPECT_EQ(Json::Value(locked), section.isMember(key) ? section[key] : Json::Value(true)) << key;
     }
-    int lastBackup = -1;  // the provider runs with the backup value the plug-in reports
+    int lastBackup = -1; // the provider runs with the backup value the plug-in reports
     for (const auto& option : plugin.env.scanSp.Options())
         if (option.option == 9 && option.result == 0) lastBackup = static_cast<int>(option.value);
     EXPECT_EQ(backup ? 1 : 0, lastBackup);

@@ -15,12 +15,18 @@ namespace {
 
 struct CountingManager : qv::StringMemMgr {
     int allocations = 0;
-    void* Allocate(size_t bytes) override { ++allocations; return StringMemMgr::Allocate(bytes); }
+    void* Allocate(size_t bytes) override {
+        ++allocations;
+        return StringMemMgr::Allocate(bytes);
+    }
 };
 
 TEST(String, GrowthRule) {
     // before: characters assigned first (or reserved, when negative), then `assigned` characters.
-    struct Case { int before; size_t assigned, capacity; };
+    struct Case {
+        int before;
+        size_t assigned, capacity;
+    };
     for (const Case& c : {Case{0, 10, 64}, Case{0, 65, 65}, Case{10, 200, 200}, Case{-1500, 2000, 2524}}) {
         StringW s;
         if (c.before > 0) s.Assign(std::wstring(c.before, L'x').c_str());
@@ -67,7 +73,7 @@ TEST(String, CopiesDoNotShareAndMovesAllocateNothing) {
     const_cast<StringW::Header*>(c.GetHeader())->manager = &qv::StringMemMgr::Default();
 
     StringW e(L"0123456789");
-    e.Assign(e.c_str() + 2, 3);  // overlapping source
+    e.Assign(e.c_str() + 2, 3); // overlapping source
     EXPECT_STREQ(L"234", e.c_str());
 }
 
@@ -80,13 +86,14 @@ TEST(String, FormatUsesMicrosoftWideConventions) {
 }
 
 TEST(String, Utf8RoundTripsOutsideTheBasicPlane) {
-    const std::string utf8 = "caf\xC3\xA9 \xF0\x9F\x98\x80 \xE6\x97\xA5";  // é, U+1F600, 日
+    const std::string utf8 = "caf\xC3\xA9 \xF0\x9F\x98\x80 \xE6\x97\xA5"; // é, U+1F600, 日
     StringW s = StringW::FromUtf8(utf8);
     ASSERT_EQ(9u, s.Length());
     EXPECT_EQ(0xD83D, s[5]);
     EXPECT_EQ(0xDE00, s[6]);
     EXPECT_EQ(utf8, s.ToUtf8());
-    StringW bad = StringW::FromUtf8("a\xFF\xFE" "b");  // replacement characters, not a failure
+    StringW bad = StringW::FromUtf8("a\xFF\xFE"
+                                    "b"); // replacement characters, not a failure
     EXPECT_EQ(L'a', bad[0]);
     EXPECT_EQ(L'b', bad[bad.Length() - 1]);
 }
@@ -108,7 +115,7 @@ TEST(String, ComparesAndScans) {
 
 const ChildMode corruptTrailing("corrupt-trailing", [] {
     StringW s(L"abc");
-    const_cast<wchar_t*>(s.c_str())[s.Capacity() + 1] = 0x1234;  // the word after the terminator slot
+    const_cast<wchar_t*>(s.c_str())[s.Capacity() + 1] = 0x1234; // the word after the terminator slot
     s.Append(L"d");
 });
 const ChildMode corruptLeading("corrupt-leading", [] {

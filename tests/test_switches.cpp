@@ -180,7 +180,8 @@ TEST_F(Switches, FeatureNamesThatReachOtherKeysAreRefused) {
     const std::wstring reaches = L"Feature name refused: reaches the module's key [name = ";
     const std::pair<qv::StringW, std::wstring> refused[] = {
         {L"", L"Feature name refused: empty"},
-        {qv::StringW(L"victim\0tail", 11), L"Feature name refused: holds a NUL character [name = victim] [length = 11]"},
+        {qv::StringW(L"victim\0tail", 11),
+         L"Feature name refused: holds a NUL character [name = victim] [length = 11]"},
         {qv::StringW(L"\0", 1), L"Feature name refused: holds a NUL character [name = ] [length = 1]"},
         {L"enableBackup", reaches + L"enableBackup] [key = enableBackup]"},
         {L"reportHashChain", reaches + L"reportHashChain] [key = reportHashChain]"},
@@ -205,13 +206,15 @@ TEST_F(Switches, FeatureNamesThatReachOtherKeysAreRefused) {
     for (const auto& name : refused) {
         SCOPED_TRACE(Describe(std::wstring(name.first.c_str(), name.first.Length())));
         EXPECT_EQ(87u, SetFeatureStatus(plugin.scan, name.first, false));
-        EXPECT_EQ((std::vector<std::pair<std::wstring, std::wstring>>{{L"AntivirusScanAL::SetFeatureStatus", name.second}}),
-                  messages());
+        EXPECT_EQ(
+            (std::vector<std::pair<std::wstring, std::wstring>>{{L"AntivirusScanAL::SetFeatureStatus", name.second}}),
+            messages());
         bool locked = false;
         EXPECT_EQ(87u, GetFeatureStatus(plugin.scan, name.first, &locked));
         EXPECT_FALSE(locked) << "not written";
-        EXPECT_EQ((std::vector<std::pair<std::wstring, std::wstring>>{{L"AntivirusScanAL::GetFeatureStatus", name.second}}),
-                  messages());
+        EXPECT_EQ(
+            (std::vector<std::pair<std::wstring, std::wstring>>{{L"AntivirusScanAL::GetFeatureStatus", name.second}}),
+            messages());
     }
     EXPECT_TRUE(sink.Take().empty());
     EXPECT_TRUE(store().SetLog().empty());

@@ -46,14 +46,16 @@ std::wstring Text(const Value& v) { return v.ToText().c_str(); }
 TEST(Value, TypeNamesAndWrongKindMessages) {
     EXPECT_EQ(Value().TypeName(), L"null");
     EXPECT_EQ(DictA1().TypeName(), L"object");
-    EXPECT_EQ("exception: invalid type [number != bool], [true]", ThrownMessage([] { Value::MakeBool(true).AsNumber(); }));
+    EXPECT_EQ("exception: invalid type [number != bool], [true]",
+              ThrownMessage([] { Value::MakeBool(true).AsNumber(); }));
     EXPECT_EQ("exception: key not found [b], [{ \"a\" : 1 }]", ThrownMessage([] { DictA1().Find(L"b"); }));
     EXPECT_EQ("exception: invalid type[array|dict != string], [abc]", ThrownMessage([] { Str(L"abc").Size(); }));
     EXPECT_EQ("exception: invalid type [array != object], [{ \"a\" : 1 }]", ThrownMessage([] { DictA1().Element(0); }));
-    EXPECT_EQ("exception: invalid type [dict != number] for [key k], [2.5]", ThrownMessage([] { Num(2.5).Entry(L"k"); }));
+    EXPECT_EQ("exception: invalid type [dict != number] for [key k], [2.5]",
+              ThrownMessage([] { Num(2.5).Entry(L"k"); }));
     EXPECT_EQ("exception: invalid type [array != string], [s]", ThrownMessage([] { Str(L"s").Append(Num(1)); }));
     EXPECT_EQ("exception: invalid type [dict != null], [null]", ThrownMessage([] { Value().Begin(); }));
-    EXPECT_EQ("exception: key not found [\xC3\xBC], [{ \"cl\xC3\xA9\" : 1 }]", ThrownMessage([] {  // UTF-8 in what()
+    EXPECT_EQ("exception: key not found [\xC3\xBC], [{ \"cl\xC3\xA9\" : 1 }]", ThrownMessage([] { // UTF-8 in what()
                   Value v;
                   v.Entry(L"cl\u00e9") = Num(1);
                   v.Find(L"\u00fc");
@@ -65,10 +67,17 @@ TEST(Value, TypeNamesAndWrongKindMessages) {
 TEST(Value, BoolsOfEveryKindAndDeepClones) {
     Value empty = Value::MakeArray(), full = Value::MakeArray();
     full.Append(Num(0));
-    const std::pair<Value, bool> cases[] = {
-        {Value(), false}, {Value::MakeBool(true), true}, {Value::MakeBool(false), false}, {Num(0), false},
-        {Num(-0.5), true}, {Str(L""), false}, {Str(L"0"), true}, {std::move(empty), false}, {std::move(full), true},
-        {Value::MakeDict(), false}, {DictA1(), true}};
+    const std::pair<Value, bool> cases[] = {{Value(), false},
+                                            {Value::MakeBool(true), true},
+                                            {Value::MakeBool(false), false},
+                                            {Num(0), false},
+                                            {Num(-0.5), true},
+                                            {Str(L""), false},
+                                            {Str(L"0"), true},
+                                            {std::move(empty), false},
+                                            {std::move(full), true},
+                                            {Value::MakeDict(), false},
+                                            {DictA1(), true}};
     for (const auto& c : cases) {
         const std::wstring kind = c.first.TypeName().c_str();
         SCOPED_TRACE(std::string(kind.begin(), kind.end()));
@@ -125,7 +134,7 @@ TEST(Value, TextForm) {
 TEST(Value, NumbersToJsonAreIntegersWhenWhole) {
     for (double d : {3.0, -3.0, 9007199254740992.0, -9223372036854775808.0}) {
         Json::Value j = Num(d).ToJson();
-        EXPECT_EQ(Json::intValue, j.type()) << d;  // jsoncpp's isDouble() is true for integers too
+        EXPECT_EQ(Json::intValue, j.type()) << d; // jsoncpp's isDouble() is true for integers too
         EXPECT_EQ(static_cast<Json::Int64>(d), j.asInt64());
     }
     for (double d : {3.5, -0.5, 1e20, std::numeric_limits<double>::infinity()}) {
@@ -147,7 +156,7 @@ TEST(Value, FromJsonAndBack) {
     Value v = Value::FromJson(doc);
     EXPECT_EQ(v.Find(L"folder").AsString(), L"C:\\Engines\\\u00e9t\u00e9");
     EXPECT_EQ(9223372036854775808.0, v.Find(L"huge").AsNumber());
-    doc["huge"] = 9223372036854775808.0;  // past the 64-bit range a whole number stays a double
+    doc["huge"] = 9223372036854775808.0; // past the 64-bit range a whole number stays a double
     EXPECT_EQ(doc, v.ToJson());
 }
 
@@ -165,7 +174,8 @@ TEST(Value, DuplicateKeysKeepTheLaterValue) {
 }
 
 TEST(Value, InvalidUtf8DoesNotBreakConversion) {
-    Value s = Value::FromJson(Json::Value(std::string("ab\xFF\xFE" "cd\xE2\x82")));
+    Value s = Value::FromJson(Json::Value(std::string("ab\xFF\xFE"
+                                                      "cd\xE2\x82")));
     ASSERT_EQ(Value::kString, s.Kind());
     const std::wstring text = s.AsString().c_str();
     EXPECT_EQ(L"ab", text.substr(0, 2));
@@ -215,9 +225,8 @@ TEST(Value, NestingBeyondTheLimitIsRefusedBothWays) {
     for (int levels : {10000, 100000}) {
         Json::Value deep = testing_support::NestedEnabled(levels);
         std::string message;
-        ASSERT_TRUE(testing_support::RunWithStack(1u << 20, [&] {
-            message = ThrownMessage([&] { Value::FromJson(deep); });
-        }));
+        ASSERT_TRUE(
+            testing_support::RunWithStack(1u << 20, [&] { message = ThrownMessage([&] { Value::FromJson(deep); }); }));
         EXPECT_EQ(tooDeep, message) << levels;
         testing_support::ReleaseDeep(deep);
     }

@@ -34,13 +34,11 @@ inline double Now() {
 }
 
 // Keeps the optimiser from dropping a result that nothing else reads.
-template <class T> inline void Keep(const T& value) {
-    asm volatile("" : : "g"(&value) : "memory");
-}
+template <class T> inline void Keep(const T& value) { asm volatile("" : : "g"(&value) : "memory"); }
 
 struct Stats {
     double median = 0;
-    double mad = 0;  // median absolute deviation from the median
+    double mad = 0; // median absolute deviation from the median
     double min = 0;
     double max = 0;
     int count = 0;
@@ -67,9 +65,9 @@ inline Stats StatsOf(const std::vector<double>& samples) {
 }
 
 struct Options {
-    double warmupSeconds = 0.05;  // per side, before calibration
-    double batchSeconds = 0.002;  // one repetition of one side: short, so most run undisturbed
-    int repetitions = 51;         // per side
+    double warmupSeconds = 0.05; // per side, before calibration
+    double batchSeconds = 0.002; // one repetition of one side: short, so most run undisturbed
+    int repetitions = 51;        // per side
 };
 
 // Seconds taken by `iterations` calls of f.
@@ -96,15 +94,14 @@ template <class F> uint64_t WarmUpAndCalibrate(F& f, double seconds, double batc
 }
 
 struct Comparison {
-    Stats subject;   // nanoseconds per call
-    Stats baseline;  // nanoseconds per call
-    double ratio = 0;      // median subject / median baseline
-    Stats pairRatios;      // subject / baseline of each alternating pair: the spread of the ratio
+    Stats subject;    // nanoseconds per call
+    Stats baseline;   // nanoseconds per call
+    double ratio = 0; // median subject / median baseline
+    Stats pairRatios; // subject / baseline of each alternating pair: the spread of the ratio
 };
 
 // Measures both sides in alternating batches of equal duration and compares their medians.
-template <class A, class B>
-Comparison Compare(A&& subject, B&& baseline, const Options& options = Options()) {
+template <class A, class B> Comparison Compare(A&& subject, B&& baseline, const Options& options = Options()) {
     const uint64_t na = WarmUpAndCalibrate(subject, options.warmupSeconds, options.batchSeconds);
     const uint64_t nb = WarmUpAndCalibrate(baseline, options.warmupSeconds, options.batchSeconds);
     std::vector<double> a, b, r;
@@ -197,7 +194,8 @@ inline void Emit(const Row& row) {
     std::printf("ROW\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n", Clean(row.what).c_str(),
                 Clean(row.measurement).c_str(), Clean(row.baseline).c_str(), Clean(row.ratio).c_str(),
                 Clean(row.goal).c_str(), VerdictText(row.verdict), Clean(row.note).c_str(), Clean(row.floor).c_str(),
-                Clean(row.floorRatio).c_str(), Clean(row.floorGoal).c_str(), floored ? VerdictText(row.floorVerdict) : "");
+                Clean(row.floorRatio).c_str(), Clean(row.floorGoal).c_str(),
+                floored ? VerdictText(row.floorVerdict) : "");
     std::fflush(stdout);
 }
 
@@ -233,8 +231,8 @@ inline void SetFloor(Row& row, double subjectNs, const Stats& floor, double goal
 // ---- heap ---------------------------------------------------------------------------------------
 
 struct HeapUse {
-    uint64_t bytes = 0;   // in busy blocks
-    uint64_t blocks = 0;  // busy blocks
+    uint64_t bytes = 0;  // in busy blocks
+    uint64_t blocks = 0; // busy blocks
 };
 
 // Walks every heap of the process and adds up the blocks in use.

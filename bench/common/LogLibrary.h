@@ -40,8 +40,8 @@ public:
     }
 
     // A direct call of the library's write, as the plug-in's logging makes it.
-    HRESULT Write(uint16_t nesting, uint32_t severity, HMODULE module, const wchar_t* function,
-                  const wchar_t* format, ...) {
+    HRESULT Write(uint16_t nesting, uint32_t severity, HMODULE module, const wchar_t* function, const wchar_t* format,
+                  ...) {
         va_list args;
         va_start(args, format);
         HRESULT result = write(nesting, &severity, module, function, format, args);

@@ -23,8 +23,8 @@ Installation::Installation(const wchar_t* tag) {
     coreTemp = coreTempParent + L"\\scansp";
     engines = root + L"\\Engines\\20240501";
     common = root + L"\\Common";
-    for (const std::wstring& folder : {coreTempParent, coreTemp, root + L"\\Engines", engines,
-                                       engines + L"\\Plugins", root + L"\\Engines\\20240415", common}) {
+    for (const std::wstring& folder : {coreTempParent, coreTemp, root + L"\\Engines", engines, engines + L"\\Plugins",
+                                       root + L"\\Engines\\20240415", common}) {
         CreateDirectoryW(folder.c_str(), nullptr);
     }
 }

@@ -41,10 +41,10 @@ SiblingClock::Scope::~Scope() {
 }
 
 // Forwards one method and times it. ARGS are the parameter names, in parentheses.
-#define TIMED(ret, name, params, args)                  \
-    ret name params override {                          \
-        SiblingClock::Scope scope(clock_, sibling_);    \
-        return inner_->name args;                       \
+#define TIMED(ret, name, params, args)                                                                                 \
+    ret name params override {                                                                                         \
+        SiblingClock::Scope scope(clock_, sibling_);                                                                   \
+        return inner_->name args;                                                                                      \
     }
 
 namespace {
@@ -104,50 +104,50 @@ public:
 class TimedUpdate : public Timed<IUpdate> {
 public:
     using Timed::Timed;
-    TIMED(DWORD, GetStatistics, (Statistics* s), (s))
-    TIMED(DWORD, GetUpdateSettings, (UpdateSettings* s), (s))
+    TIMED(DWORD, GetStatistics, (Statistics * s), (s))
+    TIMED(DWORD, GetUpdateSettings, (UpdateSettings * s), (s))
     TIMED(DWORD, StartUpdate, (const UpdateRequest& r, uint32_t* s), (r, s))
     TIMED(DWORD, RestartService, (uint32_t v, const wchar_t* n), (v, n))
     TIMED(DWORD, StopUpdate, (), ())
     TIMED(DWORD, IsUpdateRunning, (bool* r), (r))
     TIMED(DWORD, SetUpdateSettings, (const UpdateSettings& s), (s))
-    TIMED(DWORD, GetLastResult, (DWORD* e), (e))
-    TIMED(DWORD, GetLastUpdateTime, (uint64_t* t), (t))
+    TIMED(DWORD, GetLastResult, (DWORD * e), (e))
+    TIMED(DWORD, GetLastUpdateTime, (uint64_t * t), (t))
     TIMED(DWORD, GetComponentVersion, (const wchar_t* c, qv::StringW* v), (c, v))
     TIMED(DWORD, ScheduleUpdate, (uint32_t m), (m))
     TIMED(DWORD, CancelSchedule, (), ())
     TIMED(DWORD, Rollback, (const wchar_t* c), (c))
-    TIMED(DWORD, GetDownloadProgress, (uint32_t* p), (p))
+    TIMED(DWORD, GetDownloadProgress, (uint32_t * p), (p))
     TIMED(DWORD, VerifyComponent, (const wchar_t* c), (c))
-    TIMED(DWORD, GetUpdateServer, (qv::StringW* s), (s))
+    TIMED(DWORD, GetUpdateServer, (qv::StringW * s), (s))
     TIMED(DWORD, SetLicense, (const wchar_t* l), (l))
     TIMED(DWORD, Flush, (), ())
-    TIMED(DWORD, RegisterEvents, (IEvents* s, uint32_t r, const char* f), (s, r, f))
-    TIMED(DWORD, UnregisterEvents, (IEvents* s, uint32_t r, const char* f), (s, r, f))
+    TIMED(DWORD, RegisterEvents, (IEvents * s, uint32_t r, const char* f), (s, r, f))
+    TIMED(DWORD, UnregisterEvents, (IEvents * s, uint32_t r, const char* f), (s, r, f))
 };
 
 class TimedRemoteScan : public Timed<IRemoteScan> {
 public:
     using Timed::Timed;
     TIMED(DWORD, GetStatus, (bool* e), (e))
-    TIMED(DWORD, GetServerCount, (uint32_t* c), (c))
-    TIMED(DWORD, GetFallbackMode, (uint32_t* m), (m))
-    TIMED(DWORD, GetServer, (wchar_t* b, uint32_t s), (b, s))
-    TIMED(DWORD, GetTimeout, (uint32_t* m), (m))
+    TIMED(DWORD, GetServerCount, (uint32_t * c), (c))
+    TIMED(DWORD, GetFallbackMode, (uint32_t * m), (m))
+    TIMED(DWORD, GetServer, (wchar_t * b, uint32_t s), (b, s))
+    TIMED(DWORD, GetTimeout, (uint32_t * m), (m))
     TIMED(DWORD, SetTimeout, (uint32_t m), (m))
-    TIMED(DWORD, GetQueueLength, (uint32_t* l), (l))
-    TIMED(DWORD, GetStatistics, (uint64_t* s, uint64_t* f), (s, f))
+    TIMED(DWORD, GetQueueLength, (uint32_t * l), (l))
+    TIMED(DWORD, GetStatistics, (uint64_t * s, uint64_t* f), (s, f))
     TIMED(DWORD, Connect, (), ())
     TIMED(DWORD, Disconnect, (), ())
     TIMED(DWORD, IsConnected, (bool* c), (c))
-    TIMED(DWORD, RegisterEvents, (IEvents* s, uint32_t r), (s, r))
-    TIMED(DWORD, UnregisterEvents, (IEvents* s, uint32_t r), (s, r))
+    TIMED(DWORD, RegisterEvents, (IEvents * s, uint32_t r), (s, r))
+    TIMED(DWORD, UnregisterEvents, (IEvents * s, uint32_t r), (s, r))
 };
 
 class TimedCtc : public Timed<ICtcUpdate> {
 public:
     using Timed::Timed;
-    TIMED(DWORD, GetStatus, (uint32_t* s), (s))
+    TIMED(DWORD, GetStatus, (uint32_t * s), (s))
 };
 
 class TimedCrashHandler : public Timed<IScanCrashHandler> {
@@ -220,15 +220,10 @@ private:
 
 struct TimedSiblings::Impl {
     Impl(host::HostEnvironment& env, SiblingClock& clock)
-        : servConfig(&env.servConfig, clock, ids::kServConfigName),
-          settings(&env.settings, clock, ids::kSettingsName),
-          update(&env.update, clock, ids::kUpdateName),
-          remoteScan(&env.remoteScan, clock, ids::kRemoteScanName),
-          ctc(&env.ctc, clock, ids::kCtcName),
-          scanSp(&env.scanSp, clock, ids::kScanSpName),
-          telemetry(&env.telemetry, clock, ids::kTelemetryName),
-          manager(env.manager, clock),
-          host(&manager) {
+        : servConfig(&env.servConfig, clock, ids::kServConfigName), settings(&env.settings, clock, ids::kSettingsName),
+          update(&env.update, clock, ids::kUpdateName), remoteScan(&env.remoteScan, clock, ids::kRemoteScanName),
+          ctc(&env.ctc, clock, ids::kCtcName), scanSp(&env.scanSp, clock, ids::kScanSpName),
+          telemetry(&env.telemetry, clock, ids::kTelemetryName), manager(env.manager, clock), host(&manager) {
         manager.Add(ids::kServConfigName, static_cast<IServConfig*>(&servConfig));
         manager.Add(ids::kSettingsName, static_cast<IKXSettings*>(&settings));
         manager.Add(ids::kUpdateName, static_cast<IUpdate*>(&update));

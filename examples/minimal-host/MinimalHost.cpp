@@ -96,7 +96,11 @@ struct Host : IQvHost, IComponentManager {
     IComponentManager* GetComponentManager() override { return this; }
     DWORD GetPlugin(const wchar_t* name, const GUID* id, void** plugin) override {
         if (!name || !id || !plugin) return ERROR_INVALID_PARAMETER;
-        const struct { const wchar_t* name; GUID id; void* face; } served[] = {
+        const struct {
+            const wchar_t* name;
+            GUID id;
+            void* face;
+        } served[] = {
             {ids::kServConfigName, ids::kServConfigId, static_cast<IServConfig*>(&productInfo)},
             {ids::kSettingsName, ids::kSettingsId, static_cast<IKXSettings*>(&settings)},
             {ids::kUpdateName, ids::kUpdateId, static_cast<Update::IUpdate*>(&updater)},

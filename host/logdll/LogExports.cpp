@@ -12,11 +12,9 @@ using namespace logdll;
 
 namespace {
 
-void Journal(const wchar_t* entry)
-{
+void Journal(const wchar_t* entry) {
     LogStore* store = Store();
-    if (store == nullptr || store->recording != kRecordLines)
-        return;
+    if (store == nullptr || store->recording != kRecordLines) return;
     StoreLock guard(store);
     try {
         store->journal += entry;
@@ -24,16 +22,13 @@ void Journal(const wchar_t* entry)
     }
 }
 
-HeapString FormatText(const wchar_t* format, va_list args)
-{
-    if (format == nullptr)
-        return HeapString();
+HeapString FormatText(const wchar_t* format, va_list args) {
+    if (format == nullptr) return HeapString();
     va_list measure;
     va_copy(measure, args);
     int length = _vscwprintf(format, measure);
     va_end(measure);
-    if (length < 0)
-        return HeapString(format);
+    if (length < 0) return HeapString(format);
     HeapString text(static_cast<size_t>(length) + 1, L'\0');
     va_list copy;
     va_copy(copy, args);
@@ -45,14 +40,11 @@ HeapString FormatText(const wchar_t* format, va_list args)
 
 // Call depth of the writing thread: an entry line is written at the current depth and opens a
 // level, an exit line closes one and is written at the level it closed.
-int AdvanceDepth(LogStore* store, uint16_t nesting)
-{
+int AdvanceDepth(LogStore* store, uint16_t nesting) {
     auto depth = reinterpret_cast<intptr_t>(TlsGetValue(store->depthSlot));
-    if (nesting == 0xFFFF && depth > 0)
-        --depth;
+    if (nesting == 0xFFFF && depth > 0) --depth;
     int current = static_cast<int>(depth);
-    if (nesting == 1)
-        ++depth;
+    if (nesting == 1) ++depth;
     TlsSetValue(store->depthSlot, reinterpret_cast<void*>(depth));
     return current;
 }
@@ -61,11 +53,9 @@ int AdvanceDepth(LogStore* store, uint16_t nesting)
 
 extern "C" {
 
-int LogInit()
-{
+int LogInit() {
     LogStore* store = Store();
-    if (store == nullptr)
-        return 0;
+    if (store == nullptr) return 0;
     {
         StoreLock guard(store);
         ++store->initCalls;
@@ -74,11 +64,9 @@ int LogInit()
     return 1;
 }
 
-void LogDeinit()
-{
+void LogDeinit() {
     LogStore* store = Store();
-    if (store == nullptr)
-        return;
+    if (store == nullptr) return;
     {
         StoreLock guard(store);
         ++store->deinitCalls;
@@ -86,16 +74,11 @@ void LogDeinit()
     Journal(L"LogDeinit;");
 }
 
-void LogUninitDeskMetrics()
-{
-    Journal(L"LogUninitDeskMetrics;");
-}
+void LogUninitDeskMetrics() { Journal(L"LogUninitDeskMetrics;"); }
 
-void LogRemoveModule(const char* name)
-{
+void LogRemoveModule(const char* name) {
     LogStore* store = Store();
-    if (store == nullptr)
-        return;
+    if (store == nullptr) return;
     wchar_t entry[300];
     _snwprintf(entry, 299, L"LogRemoveModule(%hs);", name != nullptr ? name : "");
     entry[299] = L'\0';
@@ -107,30 +90,29 @@ void LogRemoveModule(const char* name)
 }
 
 HRESULT LogWrite(uint16_t nesting, const uint32_t* severity, HMODULE module, const wchar_t* function,
-                 const wchar_t* format, va_list args)
-{
+                 const wchar_t* format, va_list args) {
     LogStore* store = Store();
-    if (store == nullptr)
-        return E_FAIL;
+    if (store == nullptr) return E_FAIL;
     LONG delay = store->writeDelay;
-    if (delay > 0)
-        Sleep(static_cast<DWORD>(delay));
+    if (delay > 0) Sleep(static_cast<DWORD>(delay));
     const LONG recording = store->recording;
-    if (recording == kDropLines)
-        return S_OK;
+    if (recording == kDropLines) return S_OK;
     try {
         if (recording == kFormatOnly) {
             FormatText(format, args);
             return S_OK;
         }
-        LogRecord record{nesting, severity != nullptr ? *severity : 0u, GetCurrentThreadId(), module,
-                         HeapString(function != nullptr ? function : L""), FormatText(format, args)};
+        LogRecord record{nesting,
+                         severity != nullptr ? *severity : 0u,
+                         GetCurrentThreadId(),
+                         module,
+                         HeapString(function != nullptr ? function : L""),
+                         FormatText(format, args)};
         int depth = AdvanceDepth(store, nesting);
         std::wstring line = FormatLine(record, depth);
         StoreLock guard(store);
         EmitLine(store, line);
-        if (store->records.size() >= kMaxRecords)
-            store->records.pop_front();
+        if (store->records.size() >= kMaxRecords) store->records.pop_front();
         store->records.push_back(std::move(record));
         return S_OK;
     } catch (...) {

@@ -16,11 +16,9 @@ struct StoreSlot {
 INIT_ONCE g_once = INIT_ONCE_STATIC_INIT;
 LogStore* g_store;
 
-LogStore* CreateStore()
-{
+LogStore* CreateStore() {
     void* block = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(LogStore));
-    if (block == nullptr)
-        return nullptr;
+    if (block == nullptr) return nullptr;
     try {
         return new (block) LogStore();
     } catch (...) {
@@ -29,24 +27,20 @@ LogStore* CreateStore()
     }
 }
 
-void DestroyStore(LogStore* store)
-{
-    if (store->file != INVALID_HANDLE_VALUE)
-        CloseHandle(store->file);
+void DestroyStore(LogStore* store) {
+    if (store->file != INVALID_HANDLE_VALUE) CloseHandle(store->file);
     TlsFree(store->depthSlot);
     DeleteCriticalSection(&store->lock);
     store->~LogStore();
     HeapFree(GetProcessHeap(), 0, store);
 }
 
-BOOL CALLBACK FindOrCreate(PINIT_ONCE, PVOID, PVOID*)
-{
+BOOL CALLBACK FindOrCreate(PINIT_ONCE, PVOID, PVOID*) {
     wchar_t name[64];
     _snwprintf(name, 63, L"AvScanLogStore-%lu", GetCurrentProcessId());
     name[63] = L'\0';
     HANDLE mapping = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(StoreSlot), name);
-    if (mapping == nullptr)
-        return TRUE;
+    if (mapping == nullptr) return TRUE;
     auto* slot = static_cast<StoreSlot*>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(StoreSlot)));
     if (slot == nullptr) {
         CloseHandle(mapping);
@@ -57,8 +51,8 @@ BOOL CALLBACK FindOrCreate(PINIT_ONCE, PVOID, PVOID*)
     if (store == nullptr) {
         LogStore* created = CreateStore();
         if (created != nullptr) {
-            void* previous = InterlockedCompareExchangePointer(reinterpret_cast<void* volatile*>(&slot->store),
-                                                               created, nullptr);
+            void* previous =
+                InterlockedCompareExchangePointer(reinterpret_cast<void* volatile*>(&slot->store), created, nullptr);
             if (previous == nullptr) {
                 store = created;
                 keepMapping = true;
@@ -68,44 +62,36 @@ BOOL CALLBACK FindOrCreate(PINIT_ONCE, PVOID, PVOID*)
             }
         }
     }
-    if (store != nullptr && store->layout == kLayout)
-        g_store = store;
+    if (store != nullptr && store->layout == kLayout) g_store = store;
     UnmapViewOfFile(slot);
-    if (!keepMapping)
-        CloseHandle(mapping);
+    if (!keepMapping) CloseHandle(mapping);
     return TRUE;
 }
 
 } // namespace
 
 LogStore::LogStore()
-    : layout(kLayout), file(INVALID_HANDLE_VALUE), console(false), depthSlot(TlsAlloc()), initCalls(0),
-      deinitCalls(0), removeModuleCalls(0), writeDelay(0),
-      recording(kRecordLines)
-{
+    : layout(kLayout), file(INVALID_HANDLE_VALUE), console(false), depthSlot(TlsAlloc()), initCalls(0), deinitCalls(0),
+      removeModuleCalls(0), writeDelay(0), recording(kRecordLines) {
     InitializeCriticalSection(&lock);
     wchar_t path[MAX_PATH];
     DWORD length = GetEnvironmentVariableW(L"AVSCAN_LOG_FILE", path, MAX_PATH);
-    if (length > 0 && length < MAX_PATH)
-        OpenOutputFile(this, path);
+    if (length > 0 && length < MAX_PATH) OpenOutputFile(this, path);
 }
 
-LogStore* Store()
-{
+LogStore* Store() {
     InitOnceExecuteOnce(&g_once, &FindOrCreate, nullptr, nullptr);
     return g_store;
 }
 
-bool OpenOutputFile(LogStore* store, const wchar_t* path)
-{
+bool OpenOutputFile(LogStore* store, const wchar_t* path) {
     if (store->file != INVALID_HANDLE_VALUE) {
         CloseHandle(store->file);
         store->file = INVALID_HANDLE_VALUE;
     }
-    if (path == nullptr || *path == L'\0')
-        return true;
-    store->file = CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (path == nullptr || *path == L'\0') return true;
+    store->file = CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     return store->file != INVALID_HANDLE_VALUE;
 }
 

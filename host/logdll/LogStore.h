@@ -11,26 +11,19 @@
 
 namespace logdll {
 
-template <class T>
-struct ProcessHeapAllocator {
+template <class T> struct ProcessHeapAllocator {
     using value_type = T;
     ProcessHeapAllocator() = default;
-    template <class U>
-    ProcessHeapAllocator(const ProcessHeapAllocator<U>&) {}
-    T* allocate(size_t n)
-    {
-        if (n > std::numeric_limits<size_t>::max() / sizeof(T))
-            throw std::bad_alloc();
+    template <class U> ProcessHeapAllocator(const ProcessHeapAllocator<U>&) {}
+    T* allocate(size_t n) {
+        if (n > std::numeric_limits<size_t>::max() / sizeof(T)) throw std::bad_alloc();
         void* block = HeapAlloc(GetProcessHeap(), 0, n * sizeof(T));
-        if (block == nullptr)
-            throw std::bad_alloc();
+        if (block == nullptr) throw std::bad_alloc();
         return static_cast<T*>(block);
     }
     void deallocate(T* block, size_t) { HeapFree(GetProcessHeap(), 0, block); }
-    template <class U>
-    bool operator==(const ProcessHeapAllocator<U>&) const { return true; }
-    template <class U>
-    bool operator!=(const ProcessHeapAllocator<U>&) const { return false; }
+    template <class U> bool operator==(const ProcessHeapAllocator<U>&) const { return true; }
+    template <class U> bool operator!=(const ProcessHeapAllocator<U>&) const { return false; }
 };
 
 using HeapString = std::basic_string<wchar_t, std::char_traits<wchar_t>, ProcessHeapAllocator<wchar_t>>;
@@ -49,25 +42,25 @@ struct LogStore {
     LogStore(const LogStore&) = delete;
     LogStore& operator=(const LogStore&) = delete;
 
-    uint32_t layout;             // guards against a different build reading this block
-    CRITICAL_SECTION lock;       // guards everything below except the interlocked fields
+    uint32_t layout;       // guards against a different build reading this block
+    CRITICAL_SECTION lock; // guards everything below except the interlocked fields
     std::deque<LogRecord, ProcessHeapAllocator<LogRecord>> records;
     HeapString journal;
     HANDLE file;
     bool console;
-    DWORD depthSlot;             // TLS index: call depth of each thread
+    DWORD depthSlot; // TLS index: call depth of each thread
     int initCalls;
     int deinitCalls;
     int removeModuleCalls;
     volatile LONG writeDelay;
-    volatile LONG recording;     // LogRecording: what a write keeps (benchmarks turn it down)
+    volatile LONG recording; // LogRecording: what a write keeps (benchmarks turn it down)
 };
 
 // What a write does with its line; the benchmarks compare writers without the cost of the store.
 enum LogRecording : LONG {
-    kRecordLines = 0,    // format, record and emit (the default)
-    kFormatOnly = 1,     // format the message text, keep nothing
-    kDropLines = 2,      // return at once
+    kRecordLines = 0, // format, record and emit (the default)
+    kFormatOnly = 1,  // format the message text, keep nothing
+    kDropLines = 2,   // return at once
 };
 
 // Oldest lines are dropped beyond this many, so that a long-running host stays bounded.

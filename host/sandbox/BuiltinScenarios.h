@@ -8,7 +8,7 @@ namespace sandbox {
 
 struct BuiltinScenario {
     const char* name;
-    const char* summary;  // one line, for --help
+    const char* summary; // one line, for --help
     const char* json;
 };
 

@@ -9,11 +9,11 @@ namespace sandbox {
 
 class Console {
 public:
-    Console();  // switches both streams to plain "\n" line ends; text is UTF-8
+    Console(); // switches both streams to plain "\n" line ends; text is UTF-8
     void TraceToStandardError(bool yes) { traceToError_ = yes; }
     void Line(const std::string& text);
-    void Error(const std::string& text);     // one line on standard error
-    void Document(const std::string& text);  // raw text on standard output (the JSON summary)
+    void Error(const std::string& text);    // one line on standard error
+    void Document(const std::string& text); // raw text on standard output (the JSON summary)
 
 private:
     void Write(FILE* stream, const std::string& text);

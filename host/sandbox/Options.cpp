@@ -99,28 +99,27 @@ std::string HelpText() {
         name.resize(13, ' ');
         text += "                          " + name + s.summary + "\n";
     }
-    text +=
-        "  --scenario-file PATH  run the scenario described in a JSON file: service configuration\n"
-        "                        texts, which plug-ins are present or failing, the files of the\n"
-        "                        installation and the host's actions in order (format:\n"
-        "                        host/sandbox/README.md; example: host/sandbox/scenarios/)\n"
-        "  --summary PATH        write the run's JSON summary (final state, every step, files created\n"
-        "                        and deleted, sink events, telemetry, update requests) to PATH\n"
-        "  --json                print the JSON summary on standard output; the trace and the table\n"
-        "                        then go to standard error\n"
-        "  --keep                keep the sandbox folder for inspection (it is deleted otherwise)\n"
-        "  --sandbox DIR         build the sandbox in DIR instead of a new temporary folder; DIR is\n"
-        "                        created when absent, must be empty, and is always kept\n"
-        "  --verbose, -v         print every message the plug-in logs, not only warnings and errors\n"
-        "  --help, -h            print this help and exit\n"
-        "\n"
-        "Options take their value as the next argument or after \"=\" (--summary=out.json).\n"
-        "\n"
-        "Exit status:\n"
-        "  0  the scenario ran and every expectation in it held\n"
-        "  1  the scenario ran but an expected result or answer differed (see the table's last rows)\n"
-        "  2  usage error, unknown option, or an invalid scenario file (one line names the field)\n"
-        "  3  the sandbox folder or the plug-in could not be set up\n";
+    text += "  --scenario-file PATH  run the scenario described in a JSON file: service configuration\n"
+            "                        texts, which plug-ins are present or failing, the files of the\n"
+            "                        installation and the host's actions in order (format:\n"
+            "                        host/sandbox/README.md; example: host/sandbox/scenarios/)\n"
+            "  --summary PATH        write the run's JSON summary (final state, every step, files created\n"
+            "                        and deleted, sink events, telemetry, update requests) to PATH\n"
+            "  --json                print the JSON summary on standard output; the trace and the table\n"
+            "                        then go to standard error\n"
+            "  --keep                keep the sandbox folder for inspection (it is deleted otherwise)\n"
+            "  --sandbox DIR         build the sandbox in DIR instead of a new temporary folder; DIR is\n"
+            "                        created when absent, must be empty, and is always kept\n"
+            "  --verbose, -v         print every message the plug-in logs, not only warnings and errors\n"
+            "  --help, -h            print this help and exit\n"
+            "\n"
+            "Options take their value as the next argument or after \"=\" (--summary=out.json).\n"
+            "\n"
+            "Exit status:\n"
+            "  0  the scenario ran and every expectation in it held\n"
+            "  1  the scenario ran but an expected result or answer differed (see the table's last rows)\n"
+            "  2  usage error, unknown option, or an invalid scenario file (one line names the field)\n"
+            "  3  the sandbox folder or the plug-in could not be set up\n";
     return text;
 }
 

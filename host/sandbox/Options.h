@@ -7,7 +7,7 @@ namespace sandbox {
 
 struct Options {
     bool help = false;
-    std::string scenario;        // built-in name; empty: "default" unless a file is given
+    std::string scenario; // built-in name; empty: "default" unless a file is given
     std::wstring scenarioFile;
     std::wstring summaryPath;
     bool json = false;

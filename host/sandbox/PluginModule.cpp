@@ -32,7 +32,8 @@ bool PluginModule::Create(std::string& error) {
         return false;
     }
     lifecycle_ = static_cast<IDelayedServPlugin*>(primary);
-    scan_ = static_cast<qv::kxsdk::AntivirusScan::IAntivirusScan*>(lifecycle_->QueryInterface(ids::kAntivirusScanFaceId));
+    scan_ =
+        static_cast<qv::kxsdk::AntivirusScan::IAntivirusScan*>(lifecycle_->QueryInterface(ids::kAntivirusScanFaceId));
     if (!scan_) {
         error = "the object does not hand out its IAntivirusScan face";
         Destroy();

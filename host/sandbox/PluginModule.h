@@ -20,8 +20,8 @@ public:
     bool Load(const std::wstring& path, std::string& error);
     // Creates the object and looks up its faces; false with a message when anything is missing.
     bool Create(std::string& error);
-    void Destroy();  // QvDestroyObject on the primary face
-    void Unload();   // destroys first when needed, then unloads the library
+    void Destroy(); // QvDestroyObject on the primary face
+    void Unload();  // destroys first when needed, then unloads the library
 
     IDelayedServPlugin* Lifecycle() const { return lifecycle_; }
     qv::kxsdk::AntivirusScan::IAntivirusScan* Scan() const { return scan_; }

@@ -29,7 +29,7 @@ std::string FileBytes(const std::wstring& name, const std::string& origin) {
 uint64_t ContentHash(const std::wstring& path) {
     std::string bytes;
     if (!ReadFileText(path, bytes)) return 0;
-    uint64_t hash = 1469598103934665603ull;  // FNV-1a
+    uint64_t hash = 1469598103934665603ull; // FNV-1a
     for (unsigned char c : bytes) hash = (hash ^ c) * 1099511628211ull;
     return hash;
 }
@@ -137,8 +137,8 @@ std::string LastWord(std::string line) {
 
 std::wstring SandboxLayout::Expand(const std::wstring& text) const {
     const std::pair<const wchar_t*, const std::wstring*> names[] = {
-        {L"{sandbox}", &root},   {L"{engines}", &engines},   {L"{signatures}", &signatures},
-        {L"{common}", &common},  {L"{coretemp}", &coreTemp}, {L"{kits}", &kits}};
+        {L"{sandbox}", &root},  {L"{engines}", &engines},   {L"{signatures}", &signatures},
+        {L"{common}", &common}, {L"{coretemp}", &coreTemp}, {L"{kits}", &kits}};
     std::wstring out = text;
     for (const auto& n : names) {
         const std::wstring key = n.first;
@@ -261,9 +261,9 @@ bool WriteFileText(const std::wstring& path, const std::string& bytes) {
     HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) return false;
     DWORD written = 0;
-    const bool ok = bytes.empty() ||
-                    (WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
-                     written == bytes.size());
+    const bool ok =
+        bytes.empty() ||
+        (WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) && written == bytes.size());
     CloseHandle(file);
     return ok;
 }
@@ -350,7 +350,7 @@ FileChanges CompareSnapshots(const FileSnapshot& before, const FileSnapshot& aft
         if (it == before.end()) {
             changes.created.push_back(kv.first);
         } else if (!kv.second.folder && (it->second.size != kv.second.size || it->second.written != kv.second.written ||
-                                          it->second.hash != kv.second.hash)) {
+                                         it->second.hash != kv.second.hash)) {
             changes.changed.push_back(kv.first);
         }
     }

@@ -17,7 +17,7 @@
 namespace sandbox {
 
 struct SandboxLayout {
-    std::wstring root;  // no trailing backslash
+    std::wstring root; // no trailing backslash
     std::wstring engines;
     std::wstring signatures;
     std::wstring common;
@@ -61,7 +61,7 @@ struct FileEntry {
     bool folder = false;
     uint64_t size = 0;
     uint64_t written = 0;
-    uint64_t hash = 0;  // of the content, for files up to 1 MB
+    uint64_t hash = 0; // of the content, for files up to 1 MB
 };
 // Relative path -> entry; folders end in "\". The host folder is left out.
 using FileSnapshot = std::map<std::wstring, FileEntry>;

@@ -18,12 +18,18 @@ namespace ids = qv::kxsdk::ids;
 
 std::string Describe(const Json::Value& value) {
     switch (value.type()) {
-    case Json::nullValue: return "null";
-    case Json::booleanValue: return value.asBool() ? "true" : "false";
-    case Json::stringValue: return "the string " + CompactJson(value);
-    case Json::arrayValue: return "an array";
-    case Json::objectValue: return "an object";
-    default: return "the number " + CompactJson(value);
+    case Json::nullValue:
+        return "null";
+    case Json::booleanValue:
+        return value.asBool() ? "true" : "false";
+    case Json::stringValue:
+        return "the string " + CompactJson(value);
+    case Json::arrayValue:
+        return "an array";
+    case Json::objectValue:
+        return "an object";
+    default:
+        return "the number " + CompactJson(value);
     }
 }
 
@@ -262,7 +268,8 @@ void ParseInstall(Fields& f, Action& a, const Scenario& scenario) {
     a.kit = Wide(f.RequiredString("kit"));
     const bool isFolder = a.kit.find_first_of(L"\\/:") != std::wstring::npos;
     if (!isFolder && !scenario.kits.count(a.kit))
-        Fail(f.Path("kit"), "no kit named \"" + Utf8(a.kit) + "\" in \"kits\" (give a folder path for a kit elsewhere)");
+        Fail(f.Path("kit"),
+             "no kit named \"" + Utf8(a.kit) + "\" in \"kits\" (give a folder path for a kit elsewhere)");
     a.target = SandboxRelative(f.WideString("target"), f.Path("target"), true);
     a.updater = f.WideString("updater", a.updater);
     a.component = f.WideString("component", a.component);
@@ -292,26 +299,41 @@ void ParseSetPlugin(Fields& f, Action& a) {
 // What each kind of action takes besides "do" and "expect".
 void ParseActionFields(Fields& f, Action& a, const Scenario& scenario) {
     switch (a.kind) {
-    case Action::Query: ParseQuery(f, a); break;
+    case Action::Query:
+        ParseQuery(f, a);
+        break;
     case Action::EnableBackup:
     case Action::ReportHashChain:
-    case Action::ReportSignatureInfo: a.flag = f.RequiredBool("value"); break;
+    case Action::ReportSignatureInfo:
+        a.flag = f.RequiredBool("value");
+        break;
     case Action::SetFeature:
         a.name = Wide(f.RequiredString("name"));
         a.flag = f.RequiredBool("locked");
         break;
-    case Action::Install: ParseInstall(f, a, scenario); break;
+    case Action::Install:
+        ParseInstall(f, a, scenario);
+        break;
     case Action::RemoteStatus:
     case Action::RemoteSettings:
-    case Action::RemoteScanMode: ParseRemoteEvent(f, a); break;
-    case Action::SetPlugin: ParseSetPlugin(f, a); break;
-    case Action::SetConfig: a.config = ParseConfigText(f, true); break;
-    case Action::DeleteFile: a.path = SandboxRelative(Wide(f.RequiredString("path")), f.Path("path")); break;
+    case Action::RemoteScanMode:
+        ParseRemoteEvent(f, a);
+        break;
+    case Action::SetPlugin:
+        ParseSetPlugin(f, a);
+        break;
+    case Action::SetConfig:
+        a.config = ParseConfigText(f, true);
+        break;
+    case Action::DeleteFile:
+        a.path = SandboxRelative(Wide(f.RequiredString("path")), f.Path("path"));
+        break;
     case Action::WriteFile:
         a.path = SandboxRelative(Wide(f.RequiredString("path")), f.Path("path"));
         a.text = f.WideString("text");
         break;
-    default: break;
+    default:
+        break;
     }
 }
 
@@ -381,7 +403,8 @@ void ParseConfig(Fields& top, Scenario& s) {
         } else if (t.isString()) {
             s.scanType = Wide(t.asString());
         } else {
-            Fail("config.scanType", "expected a string (\"full\", \"light\", \"remote\") or null, found " + Describe(t));
+            Fail("config.scanType",
+                 "expected a string (\"full\", \"light\", \"remote\") or null, found " + Describe(t));
         }
     }
     if (config.Has("texts")) {

@@ -16,32 +16,48 @@ const char* const kIndent = "      ";
 
 const char* ScanTypeName(uint32_t type) {
     switch (type) {
-    case RemoteOnly: return "remote";
-    case Light: return "light";
-    case Full: return "full";
-    default: return nullptr;
+    case RemoteOnly:
+        return "remote";
+    case Light:
+        return "light";
+    case Full:
+        return "full";
+    default:
+        return nullptr;
     }
 }
 
 const char* ScanModeName(uint32_t mode) {
     switch (mode) {
-    case ScanModeNone: return "None";
-    case ScanModeRemote: return "Remote";
-    case ScanModeRemoteLight: return "RemoteLight";
-    case ScanModeRemoteFull: return "RemoteFull";
-    case ScanModeLocalLight: return "LocalLight";
-    case ScanModeLocalFull: return "LocalFull";
-    default: return "?";
+    case ScanModeNone:
+        return "None";
+    case ScanModeRemote:
+        return "Remote";
+    case ScanModeRemoteLight:
+        return "RemoteLight";
+    case ScanModeRemoteFull:
+        return "RemoteFull";
+    case ScanModeLocalLight:
+        return "LocalLight";
+    case ScanModeLocalFull:
+        return "LocalFull";
+    default:
+        return "?";
     }
 }
 
 const char* SeverityName(uint32_t severity) {
     switch (severity) {
-    case 4: return "ERROR  ";
-    case 8: return "WARNING";
-    case 16: return "DETAIL ";
-    case 32: return "INFO   ";
-    default: return "?      ";
+    case 4:
+        return "ERROR  ";
+    case 8:
+        return "WARNING";
+    case 16:
+        return "DETAIL ";
+    case 32:
+        return "INFO   ";
+    default:
+        return "?      ";
     }
 }
 
@@ -49,10 +65,14 @@ std::string OnOff(bool value) { return value ? "on" : "off"; }
 
 std::string PluginStateText(const PluginState& state) {
     switch (state.kind) {
-    case PluginState::Present: return "present";
-    case PluginState::Missing: return "missing";
-    case PluginState::Files: return "decided by the engines folder's files";
-    case PluginState::Refusing: return "refusing with " + CodeText(state.code);
+    case PluginState::Present:
+        return "present";
+    case PluginState::Missing:
+        return "missing";
+    case PluginState::Files:
+        return "decided by the engines folder's files";
+    case PluginState::Refusing:
+        return "refusing with " + CodeText(state.code);
     }
     return "?";
 }
@@ -119,7 +139,8 @@ void ScenarioRunner::EndProcess() {
     host_.reset();
 }
 
-Json::Value ScenarioRunner::Ask(const std::string& what, const std::wstring& feature, DWORD& result, std::string& shown) {
+Json::Value ScenarioRunner::Ask(const std::string& what, const std::wstring& feature, DWORD& result,
+                                std::string& shown) {
     IAntivirusScan* scan = module_.Scan();
     Json::Value value;
     if (what == "scanType") {
@@ -179,8 +200,8 @@ void ScenarioRunner::TakeState(const std::string& when) {
         DrainLog(current_);
     }
     Json::Value state(Json::objectValue);
-    for (const char* what : {"scanType", "scanModes", "backup", "hashChain", "signatureInfo", "signaturesVersion",
-                             "signaturesCount"}) {
+    for (const char* what :
+         {"scanType", "scanModes", "backup", "hashChain", "signatureInfo", "signaturesVersion", "signaturesCount"}) {
         DWORD result = 0;
         std::string shown;
         state[what] = Ask(what, std::wstring(), result, shown);
@@ -361,7 +382,8 @@ DWORD ScenarioRunner::DoRemote(const Action& action) {
     if (action.hasFallbackMode) remote.fallbackMode = action.fallbackMode;
     host_->SetRemoteScan(remote);
     host::RemoteScanPlugin& plugin = host_->Env().remoteScan;
-    const std::string state = "status " + OnOff(remote.status) + ", fallback mode " + std::to_string(remote.fallbackMode);
+    const std::string state =
+        "status " + OnOff(remote.status) + ", fallback mode " + std::to_string(remote.fallbackMode);
     switch (action.kind) {
     case Action::RemoteStatus:
         Note("remote-scan plug-in: " + state + "; OnStatusChanged(" + (action.flag ? "true" : "false") +
@@ -435,28 +457,48 @@ void ScenarioRunner::RunAction(const Action& action, StepRecord& step) {
         step.result = result;
     };
     switch (action.kind) {
-    case Action::Init: setResult(DoInit()); break;
-    case Action::Start: setResult(plugin->Start()); break;
-    case Action::DelayedStart: setResult(plugin->DelayedStart()); break;
-    case Action::Stop: setResult(DoStop(step.step)); break;
-    case Action::UnInit: setResult(DoUnInit(step)); break;
-    case Action::Query: DoQuery(action, step); break;
-    case Action::EnableBackup: setResult(scan->EnableBackup(action.flag)); break;
+    case Action::Init:
+        setResult(DoInit());
+        break;
+    case Action::Start:
+        setResult(plugin->Start());
+        break;
+    case Action::DelayedStart:
+        setResult(plugin->DelayedStart());
+        break;
+    case Action::Stop:
+        setResult(DoStop(step.step));
+        break;
+    case Action::UnInit:
+        setResult(DoUnInit(step));
+        break;
+    case Action::Query:
+        DoQuery(action, step);
+        break;
+    case Action::EnableBackup:
+        setResult(scan->EnableBackup(action.flag));
+        break;
     case Action::ReportHashChain: {
         HashChainSettings settings{action.flag};
         setResult(scan->ReportHashChain(settings));
         break;
     }
-    case Action::ReportSignatureInfo: setResult(scan->ReportSignatureInfo(action.flag)); break;
+    case Action::ReportSignatureInfo:
+        setResult(scan->ReportSignatureInfo(action.flag));
+        break;
     case Action::SetFeature: {
         qv::StringW name(action.name.c_str());
         setResult(scan->SetFeatureStatus(name, action.flag));
         break;
     }
-    case Action::Install: setResult(DoInstall(action, step)); break;
+    case Action::Install:
+        setResult(DoInstall(action, step));
+        break;
     case Action::RemoteStatus:
     case Action::RemoteSettings:
-    case Action::RemoteScanMode: setResult(DoRemote(action)); break;
+    case Action::RemoteScanMode:
+        setResult(DoRemote(action));
+        break;
     case Action::SetPlugin:
         host_->SetPlugin(action.name, action.plugin);
         Note("component manager: \"" + Utf8(action.name) + "\" is now " + PluginStateText(action.plugin));
@@ -464,11 +506,15 @@ void ScenarioRunner::RunAction(const Action& action, StepRecord& step) {
     case Action::SetConfig:
         host_->SetText(action.config);
         Note("service configuration (" + std::to_string(action.config.category) + ", \"" + Utf8(action.config.name) +
-             "\") " + (action.config.clear ? std::string("unset") : "= \"" + Utf8(layout_.Expand(action.config.text)) + "\""));
+             "\") " +
+             (action.config.clear ? std::string("unset") : "= \"" + Utf8(layout_.Expand(action.config.text)) + "\""));
         break;
     case Action::DeleteFile:
-    case Action::WriteFile: setResult(ChangeFile(layout_, action)); break;
-    case Action::RestartService: break;  // handled by Run: it replaces the process
+    case Action::WriteFile:
+        setResult(ChangeFile(layout_, action));
+        break;
+    case Action::RestartService:
+        break; // handled by Run: it replaces the process
     }
 }
 
@@ -484,30 +530,46 @@ namespace {
 
 std::string Title(const Action& a) {
     switch (a.kind) {
-    case Action::Init: return "Init(host)";
-    case Action::Start: return "Start()";
-    case Action::DelayedStart: return "DelayedStart()";
-    case Action::Stop: return "Stop()";
-    case Action::UnInit: return "UnInit()";
+    case Action::Init:
+        return "Init(host)";
+    case Action::Start:
+        return "Start()";
+    case Action::DelayedStart:
+        return "DelayedStart()";
+    case Action::Stop:
+        return "Stop()";
+    case Action::UnInit:
+        return "UnInit()";
     case Action::Query:
         if (a.what == "all") return "a sibling plug-in asks every query of IAntivirusScan";
         return "a sibling plug-in asks " + a.what + (a.what == "feature" ? " \"" + Utf8(a.name) + "\"" : std::string());
-    case Action::EnableBackup: return std::string("EnableBackup(") + (a.flag ? "true" : "false") + ")";
-    case Action::ReportHashChain: return std::string("ReportHashChain({enabled: ") + (a.flag ? "true" : "false") + "})";
-    case Action::ReportSignatureInfo: return std::string("ReportSignatureInfo(") + (a.flag ? "true" : "false") + ")";
+    case Action::EnableBackup:
+        return std::string("EnableBackup(") + (a.flag ? "true" : "false") + ")";
+    case Action::ReportHashChain:
+        return std::string("ReportHashChain({enabled: ") + (a.flag ? "true" : "false") + "})";
+    case Action::ReportSignatureInfo:
+        return std::string("ReportSignatureInfo(") + (a.flag ? "true" : "false") + ")";
     case Action::SetFeature:
         return "SetFeatureStatus(\"" + Utf8(a.name) + "\", " + (a.flag ? "locked" : "unlocked") + ")";
     case Action::Install:
         return "the update plug-in installs kit \"" + Utf8(a.kit) + "\" (" + Utf8(a.component) + ", updater " +
                Utf8(a.updater) + ")" + (a.target.empty() ? std::string() : " into " + Utf8(a.target));
-    case Action::RemoteStatus: return std::string("the remote-scan service turns ") + (a.flag ? "on" : "off");
-    case Action::RemoteSettings: return "the remote-scan settings change";
-    case Action::RemoteScanMode: return "the remote-scan mode changes";
-    case Action::SetPlugin: return "plug-in \"" + Utf8(a.name) + "\" becomes " + PluginStateText(a.plugin);
-    case Action::SetConfig: return "the service configuration changes";
-    case Action::DeleteFile: return "delete " + Utf8(a.path);
-    case Action::WriteFile: return "write " + Utf8(a.path);
-    case Action::RestartService: return "the security service restarts";
+    case Action::RemoteStatus:
+        return std::string("the remote-scan service turns ") + (a.flag ? "on" : "off");
+    case Action::RemoteSettings:
+        return "the remote-scan settings change";
+    case Action::RemoteScanMode:
+        return "the remote-scan mode changes";
+    case Action::SetPlugin:
+        return "plug-in \"" + Utf8(a.name) + "\" becomes " + PluginStateText(a.plugin);
+    case Action::SetConfig:
+        return "the service configuration changes";
+    case Action::DeleteFile:
+        return "delete " + Utf8(a.path);
+    case Action::WriteFile:
+        return "write " + Utf8(a.path);
+    case Action::RestartService:
+        return "the security service restarts";
     }
     return a.verb;
 }
@@ -568,7 +630,8 @@ bool ScenarioRunner::Run(RunRecord& record, std::string& error) {
         Json::CharReaderBuilder builder;
         std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value document;
-        if (reader->parse(bytes.data(), bytes.data() + bytes.size(), &document, nullptr)) record.settingsDocument = document;
+        if (reader->parse(bytes.data(), bytes.data() + bytes.size(), &document, nullptr))
+            record.settingsDocument = document;
     }
     avhost::ConfigureLogOutput(std::wstring(), false);
     return fine;

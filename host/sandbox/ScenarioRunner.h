@@ -17,7 +17,7 @@
 namespace sandbox {
 
 struct RunOptions {
-    bool verbose = false;  // print every log message of the plug-in, not only warnings and errors
+    bool verbose = false; // print every log message of the plug-in, not only warnings and errors
 };
 
 class ScenarioRunner {
@@ -44,7 +44,7 @@ private:
     Json::Value Ask(const std::string& what, const std::wstring& feature, DWORD& result, std::string& shown);
     void TakeState(const std::string& when);
 
-    void Note(const std::string& text);  // host-side observation, from any thread
+    void Note(const std::string& text); // host-side observation, from any thread
     void BeginStep(StepRecord& step);
     void CollectFromEnv(StepRecord& step);
     void FinishStep(StepRecord& step);

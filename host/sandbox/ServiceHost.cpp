@@ -12,8 +12,9 @@ namespace {
 namespace ids = qv::kxsdk::ids;
 namespace config = qv::kxsdk::config;
 
-const wchar_t* const kPluginNames[] = {ids::kServConfigName, ids::kSettingsName, ids::kUpdateName, ids::kRemoteScanName,
-                                       ids::kCtcName,        ids::kScanSpName,   ids::kTelemetryName};
+const wchar_t* const kPluginNames[] = {ids::kServConfigName, ids::kSettingsName, ids::kUpdateName,
+                                       ids::kRemoteScanName, ids::kCtcName,      ids::kScanSpName,
+                                       ids::kTelemetryName};
 
 std::wstring Join(const std::wstring& folder, const std::wstring& name) {
     if (folder.empty() || folder.back() == L'\\' || folder.back() == L'/') return folder + name;
@@ -69,7 +70,8 @@ public:
                     host_.env_->manager.Restore(ids::kScanSpName);
                 else
                     host_.env_->manager.SetMissing(ids::kScanSpName);
-                host_.note_(std::string("scansp ") + (check.loadable ? "loads: " : "cannot load: ") + Utf8(check.reason));
+                host_.note_(std::string("scansp ") + (check.loadable ? "loads: " : "cannot load: ") +
+                            Utf8(check.reason));
             }
         }
         return host_.env_->manager.GetPlugin(name, interfaceId, plugin);
@@ -126,7 +128,7 @@ ServiceHost::~ServiceHost() {
 void ServiceHost::ApplyPlugin(const std::wstring& name, const PluginState& state) {
     switch (state.kind) {
     case PluginState::Present:
-    case PluginState::Files:  // decided at each lookup
+    case PluginState::Files: // decided at each lookup
         env_->manager.Restore(name.c_str());
         break;
     case PluginState::Missing:

@@ -23,8 +23,8 @@
 namespace sandbox {
 
 struct HostState {
-    std::map<std::pair<int32_t, std::wstring>, std::wstring> texts;  // (category, name) -> text; absent: unset
-    std::map<std::wstring, PluginState> plugins;                     // every known plug-in name
+    std::map<std::pair<int32_t, std::wstring>, std::wstring> texts; // (category, name) -> text; absent: unset
+    std::map<std::wstring, PluginState> plugins;                    // every known plug-in name
     ScanSpSetup scanSp;
     RemoteScanSetup remoteScan;
     UpdateSetup update;
@@ -38,15 +38,15 @@ HostState InitialState(const Scenario& scenario, const SandboxLayout& layout);
 
 struct ScanSpCheck {
     bool loadable = false;
-    std::wstring reason;  // what made the decision, for the trace
+    std::wstring reason; // what made the decision, for the trace
 };
 
 struct InstallOutcome {
-    DWORD result = 0;  // the plug-in's answer to OnComponentInstalled (1168: nobody listens; 3: no kit)
+    DWORD result = 0; // the plug-in's answer to OnComponentInstalled (1168: nobody listens; 3: no kit)
     std::wstring kitFolder;
     std::wstring target;
     std::vector<std::wstring> copied;
-    std::string error;  // the kit could not be found or copied
+    std::string error; // the kit could not be found or copied
     bool statisticsRecorded = false;
     std::wstring version;
     int64_t count = 0;
@@ -83,7 +83,7 @@ private:
     const SandboxLayout& layout_;
     HostState& state_;
     Note note_;
-    mutable std::mutex mutex_;  // guards state_ against the notification threads
+    mutable std::mutex mutex_; // guards state_ against the notification threads
     int lookups_ = 0;
     std::unique_ptr<host::HostEnvironment> env_;
     std::unique_ptr<FileBackedManager> manager_;

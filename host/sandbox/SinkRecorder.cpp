@@ -43,7 +43,7 @@ std::vector<SinkEvent> SinkRecorder::Drain() {
 
 void SinkRecorder::Record(const host::ScanEvent& event) {
     Json::Value args = event.args;
-    if (std::string(event.face) == "engines") args[0] = Path(event.text);  // shown below the root
+    if (std::string(event.face) == "engines") args[0] = Path(event.text); // shown below the root
     std::lock_guard<std::mutex> lock(mutex_);
     pending_.push_back(SinkEvent{event.face, event.name, std::move(args)});
 }

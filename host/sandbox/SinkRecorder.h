@@ -14,10 +14,10 @@
 namespace sandbox {
 
 struct SinkEvent {
-    std::string sink;   // "engines", "scan", "settings"
-    std::string event;  // "OnReloadStarted", ...
-    Json::Value args;   // array
-    std::string Text() const;  // "OnReloadEnded(\"...\", 0)"
+    std::string sink;         // "engines", "scan", "settings"
+    std::string event;        // "OnReloadStarted", ...
+    Json::Value args;         // array
+    std::string Text() const; // "OnReloadEnded(\"...\", 0)"
 };
 
 class SinkRecorder : public host::ScanEventSinks {

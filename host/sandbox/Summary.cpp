@@ -150,8 +150,9 @@ Json::Value SettingsJson(const RunRecord& r) {
     settings["reloadStatus"] = Member(engines, "reloadStatus");
     settings["lastOkFolder"] = Member(engines, "folder");
     settings["lastOkFolderInSandbox"] =
-        settings["lastOkFolder"].isString() ? Json::Value(Utf8(r.layout.Relative(Wide(settings["lastOkFolder"].asString()))))
-                                            : Json::Value();
+        settings["lastOkFolder"].isString()
+            ? Json::Value(Utf8(r.layout.Relative(Wide(settings["lastOkFolder"].asString()))))
+            : Json::Value();
     settings["section"] = section;
     return settings;
 }
@@ -219,10 +220,17 @@ void PrintFinalTable(const RunRecord& r) {
     std::string status = Shown(settings["reloadStatus"]);
     if (settings["reloadStatus"].isUInt()) {
         switch (settings["reloadStatus"].asUInt()) {
-        case 1: status += " (reload started, not confirmed)"; break;
-        case 2: status += " (engines loaded)"; break;
-        case 3: status += " (maintenance install, no reload)"; break;
-        default: break;
+        case 1:
+            status += " (reload started, not confirmed)";
+            break;
+        case 2:
+            status += " (engines loaded)";
+            break;
+        case 3:
+            status += " (maintenance install, no reload)";
+            break;
+        default:
+            break;
         }
     }
     Row("reload status", status);
@@ -240,19 +248,23 @@ void PrintFinalTable(const RunRecord& r) {
     for (const auto& e : r.sinkEvents) events.push_back(e.sink + ": " + e.Text());
     Rows("events sent to sinks", events);
     std::vector<std::string> telemetry;
-    for (const auto& t : r.telemetry) telemetry.push_back(t.get("issue", "?").asString() + " (" + CompactJson(t.get("error", "")) + ")");
+    for (const auto& t : r.telemetry)
+        telemetry.push_back(t.get("issue", "?").asString() + " (" + CompactJson(t.get("error", "")) + ")");
     Rows("telemetry events", telemetry);
     std::vector<std::string> requests;
     for (const auto& u : r.updateRequests) requests.push_back("update by \"" + u["requester"].asString() + "\"");
     for (const auto& u : r.restarts)
-        requests.push_back("restart of \"" + u["serviceName"].asString() + "\" (value " + CompactJson(u["value"]) + ")");
+        requests.push_back("restart of \"" + u["serviceName"].asString() + "\" (value " + CompactJson(u["value"]) +
+                           ")");
     Rows("update plug-in requests", requests);
     Row("scansp", std::to_string(r.scanSpLookups) + " lookups, " + std::to_string(r.scanSpReloads) + " reloads");
-    std::string plugins = r.pluginsBalanced ? "every plug-in handed back" : "NOT handed back: " + CompactJson(r.outstanding);
+    std::string plugins =
+        r.pluginsBalanced ? "every plug-in handed back" : "NOT handed back: " + CompactJson(r.outstanding);
     Row("plug-ins", plugins);
     Row("log", std::to_string(r.logErrors) + " errors, " + std::to_string(r.logWarnings) + " warnings, " +
                    std::to_string(r.logLines) + " lines" + (r.kept ? " in " + Utf8(r.layout.logFile) : std::string()));
-    Row("expectations", std::to_string(r.ExpectationsMet()) + " met, " + std::to_string(r.ExpectationsFailed()) + " failed");
+    Row("expectations",
+        std::to_string(r.ExpectationsMet()) + " met, " + std::to_string(r.ExpectationsFailed()) + " failed");
     for (const auto& step : r.steps) {
         if (!step.ok) Row("", "step " + std::to_string(step.step) + " (" + step.verb + "): " + step.failure);
     }

@@ -8,7 +8,8 @@ namespace sandbox {
 
 std::string Utf8(const std::wstring& text) {
     if (text.empty()) return std::string();
-    int size = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    int size =
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     if (size <= 0) return std::string();
     std::string bytes(static_cast<size_t>(size), '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &bytes[0], size, nullptr, nullptr);
@@ -29,23 +30,55 @@ bool EqualNoCase(const std::wstring& a, const std::wstring& b) { return _wcsicmp
 std::string CodeText(DWORD code) {
     const char* name = nullptr;
     switch (code) {
-    case 0: return "0";
-    case 2: name = "file not found"; break;
-    case 3: name = "path not found"; break;
-    case 13: name = "invalid data"; break;
-    case 87: name = "invalid parameter"; break;
-    case 126: name = "module not found"; break;
-    case 258: name = "timed out"; break;
-    case 1013: name = "cannot write"; break;
-    case 1168: name = "not found"; break;
-    case 1359: name = "internal error"; break;
-    case 1627: name = "function failed"; break;
-    case 5002: name = "dependency not found"; break;
-    case 5023: name = "invalid state"; break;
-    case 6843: name = "data lost, repaired"; break;
-    case 15025: name = "event registration refused"; break;
-    case 0x8004D082: name = "engines recovery in progress"; break;
-    default: break;
+    case 0:
+        return "0";
+    case 2:
+        name = "file not found";
+        break;
+    case 3:
+        name = "path not found";
+        break;
+    case 13:
+        name = "invalid data";
+        break;
+    case 87:
+        name = "invalid parameter";
+        break;
+    case 126:
+        name = "module not found";
+        break;
+    case 258:
+        name = "timed out";
+        break;
+    case 1013:
+        name = "cannot write";
+        break;
+    case 1168:
+        name = "not found";
+        break;
+    case 1359:
+        name = "internal error";
+        break;
+    case 1627:
+        name = "function failed";
+        break;
+    case 5002:
+        name = "dependency not found";
+        break;
+    case 5023:
+        name = "invalid state";
+        break;
+    case 6843:
+        name = "data lost, repaired";
+        break;
+    case 15025:
+        name = "event registration refused";
+        break;
+    case 0x8004D082:
+        name = "engines recovery in progress";
+        break;
+    default:
+        break;
     }
     char text[80];
     if (code > 0xFFFF)

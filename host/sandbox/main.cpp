@@ -39,8 +39,8 @@ bool LoadScenario(const Options& options, Scenario& scenario, std::string& error
         if (!options.scenarioFile.empty()) {
             std::string text;
             if (!ReadFileText(options.scenarioFile, text)) {
-                error = "cannot read scenario file " + Utf8(options.scenarioFile) + " [error = " +
-                        std::to_string(GetLastError()) + "]";
+                error = "cannot read scenario file " + Utf8(options.scenarioFile) +
+                        " [error = " + std::to_string(GetLastError()) + "]";
                 return false;
             }
             scenario = ParseScenario(text, Utf8(options.scenarioFile));

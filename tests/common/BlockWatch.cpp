@@ -60,7 +60,7 @@ BlockWatch::BlockWatch(HMODULE module) {
 }
 
 BlockWatch::~BlockWatch() {
-    if (slot_) Write(slot_, original_);  // the forwarder stays valid for waits already inside it
+    if (slot_) Write(slot_, original_); // the forwarder stays valid for waits already inside it
     watched = 0;
 }
 

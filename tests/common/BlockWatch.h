@@ -8,8 +8,8 @@ namespace testing_support {
 
 class BlockWatch {
 public:
-    explicit BlockWatch(HMODULE module);  // one watch at a time
-    ~BlockWatch();                        // puts the import back
+    explicit BlockWatch(HMODULE module); // one watch at a time
+    ~BlockWatch();                       // puts the import back
     BlockWatch(const BlockWatch&) = delete;
     BlockWatch& operator=(const BlockWatch&) = delete;
 

@@ -13,8 +13,7 @@ ChildMode::ChildMode(const char* name, void (*routine)()) {
     ExitProcess(0);
 }
 
-DWORD RunProgram(const std::wstring& program, const std::wstring& arguments, const wchar_t* folder,
-                 DWORD timeoutMs) {
+DWORD RunProgram(const std::wstring& program, const std::wstring& arguments, const wchar_t* folder, DWORD timeoutMs) {
     std::wstring command = L"\"" + program + L"\" " + arguments;
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;

@@ -59,8 +59,8 @@ bool RunWithStack(size_t bytes, const std::function<void()>& job) {
     struct Closer {
         void operator()(HANDLE h) const { CloseHandle(h); }
     };
-    std::unique_ptr<void, Closer> thread(
-        CreateThread(nullptr, bytes, &RunJob, const_cast<std::function<void()>*>(&job), STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
+    std::unique_ptr<void, Closer> thread(CreateThread(nullptr, bytes, &RunJob, const_cast<std::function<void()>*>(&job),
+                                                      STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
     if (!thread) return false;
     // A job still running after that would go on using `job`: the program ends as a failure.
     if (WaitForSingleObject(thread.get(), 60000) == WAIT_OBJECT_0) return true;

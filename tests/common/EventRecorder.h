@@ -45,17 +45,20 @@ public:
 
     std::vector<std::string> Take() { return journal_->Take(); }
 
-    std::function<void()> during;     // runs inside each notification, after it is recorded
-    volatile DWORD scanThread = 0;    // thread of the last scan-modes notification
+    std::function<void()> during;  // runs inside each notification, after it is recorded
+    volatile DWORD scanThread = 0; // thread of the last scan-modes notification
 
 private:
     // "reloadStarted", "modes=2,4", "feature=Name,0": the arguments after the label, flags as 1
     // or 0; the reload notifications are shown without theirs.
     static std::string Line(const host::ScanEvent& event) {
         static const std::pair<const char*, const char*> labels[] = {
-            {"OnReloadStarted", "reloadStarted"},    {"OnReloadEnded", "reloadEnded"},
-            {"OnScanModesChanged", "modes"},         {"OnBackupStatusChanged", "backup"},
-            {"OnFeatureStatusChanged", "feature"},   {"OnHashChainSettingsChanged", "hashChain"},
+            {"OnReloadStarted", "reloadStarted"},
+            {"OnReloadEnded", "reloadEnded"},
+            {"OnScanModesChanged", "modes"},
+            {"OnBackupStatusChanged", "backup"},
+            {"OnFeatureStatusChanged", "feature"},
+            {"OnHashChainSettingsChanged", "hashChain"},
             {"OnSignatureInfoReportingChanged", "signatureInfo"}};
         std::string line = event.name;
         for (const auto& label : labels)

@@ -186,7 +186,9 @@ class FaultyRemoteScan : public IRemoteScan {
 public:
     FaultyRemoteScan(IRemoteScan* real, FaultPlan& plan) : real_(real), plan_(plan) {}
     // A failed query answers with the error and leaves its output alone.
-    DWORD GetStatus(bool* v) override { return plan_.Hit("RemoteScan::GetStatus") ? kInjectedError : real_->GetStatus(v); }
+    DWORD GetStatus(bool* v) override {
+        return plan_.Hit("RemoteScan::GetStatus") ? kInjectedError : real_->GetStatus(v);
+    }
     DWORD GetServerCount(uint32_t* v) override {
         return plan_.Hit("RemoteScan::GetServerCount") ? kInjectedError : real_->GetServerCount(v);
     }
@@ -256,7 +258,7 @@ public:
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (!wrappers_.erase(wrapper)) {
-                real_->ReleaseInterface(object);  // not ours: the host judges it
+                real_->ReleaseInterface(object); // not ours: the host judges it
                 return;
             }
         }
@@ -288,12 +290,9 @@ private:
 };
 
 FaultyHost::FaultyHost(host::HostEnvironment& environment)
-    : env(environment),
-      servConfig_(new FaultyServConfig(&env.servConfig, plan)),
-      settings_(new FaultySettings(&env.settings, plan)),
-      update_(new FaultyUpdate(&env.update, plan)),
-      remoteScan_(new FaultyRemoteScan(&env.remoteScan, plan)),
-      scanSp_(new FaultyScanSp(&env.scanSp, plan)),
+    : env(environment), servConfig_(new FaultyServConfig(&env.servConfig, plan)),
+      settings_(new FaultySettings(&env.settings, plan)), update_(new FaultyUpdate(&env.update, plan)),
+      remoteScan_(new FaultyRemoteScan(&env.remoteScan, plan)), scanSp_(new FaultyScanSp(&env.scanSp, plan)),
       telemetry_(new FaultyTelemetry(&env.telemetry, plan)) {
     env.host.SetComponentManager(this);
 }

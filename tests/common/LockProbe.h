@@ -15,11 +15,26 @@ namespace lock_probe {
 template <class Tag, typename Tag::type Member> struct Expose {
     friend typename Tag::type MemberOf(Tag) { return Member; }
 };
-struct Guard { using type = CRITICAL_SECTION qv::CSyncRWLock::*; friend type MemberOf(Guard); };
-struct ReadersWaiting { using type = uint32_t qv::CSyncRWLock::*; friend type MemberOf(ReadersWaiting); };
-struct WritersWaiting { using type = uint32_t qv::CSyncRWLock::*; friend type MemberOf(WritersWaiting); };
-struct ActiveReaders { using type = uint32_t qv::CSyncRWLock::*; friend type MemberOf(ActiveReaders); };
-struct WriterActive { using type = uint32_t qv::CSyncRWLock::*; friend type MemberOf(WriterActive); };
+struct Guard {
+    using type = CRITICAL_SECTION qv::CSyncRWLock::*;
+    friend type MemberOf(Guard);
+};
+struct ReadersWaiting {
+    using type = uint32_t qv::CSyncRWLock::*;
+    friend type MemberOf(ReadersWaiting);
+};
+struct WritersWaiting {
+    using type = uint32_t qv::CSyncRWLock::*;
+    friend type MemberOf(WritersWaiting);
+};
+struct ActiveReaders {
+    using type = uint32_t qv::CSyncRWLock::*;
+    friend type MemberOf(ActiveReaders);
+};
+struct WriterActive {
+    using type = uint32_t qv::CSyncRWLock::*;
+    friend type MemberOf(WriterActive);
+};
 template struct Expose<Guard, &qv::CSyncRWLock::guard>;
 template struct Expose<ReadersWaiting, &qv::CSyncRWLock::readersWaiting>;
 template struct Expose<WritersWaiting, &qv::CSyncRWLock::writersWaiting>;
@@ -48,7 +63,7 @@ inline bool WaitForWaiters(qv::CSyncRWLock& lock, uint32_t readers, uint32_t wri
         const LockState s = StateOf(lock);
         if (s.readersWaiting == readers && s.writersWaiting == writers) return true;
         if (GetTickCount() - start > watchdogMs) return false;
-        Sleep(1);  // a poll of the lock's count, not a guess at how long anything takes
+        Sleep(1); // a poll of the lock's count, not a guess at how long anything takes
     }
 }
 

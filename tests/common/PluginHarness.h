@@ -28,7 +28,7 @@ struct PluginUnderTest {
     PluginLibrary library;
     host::HostEnvironment env;
     void* primary = nullptr;
-    void* scan = nullptr;  // IAntivirusScan face
+    void* scan = nullptr; // IAntivirusScan face
 
     PluginUnderTest();
     ~PluginUnderTest();

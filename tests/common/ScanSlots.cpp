@@ -6,7 +6,8 @@
 
 #include <cstdio>
 
-namespace testing_support { namespace slots {
+namespace testing_support {
+namespace slots {
 
 bool ReadSettingsFile(const std::wstring& path, Json::Value& document) {
     std::string bytes;
@@ -55,7 +56,8 @@ void RemoveFolder(const std::wstring& path) {
             if (name == L"." || name == L"..") continue;
             const std::wstring full = path + L"\\" + name;
             SetFileAttributesW(full.c_str(), FILE_ATTRIBUTE_NORMAL);
-            if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && !(entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT))
+            if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) &&
+                !(entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT))
                 RemoveFolder(full);
             else if (!DeleteFileW(full.c_str()))
                 RemoveDirectoryW(full.c_str());
@@ -114,9 +116,17 @@ bool LineIn(const std::wstring& text, uint32_t severity, const std::wstring& fun
 
 std::vector<std::wstring> HostileTexts() {
     const size_t mib = 1u << 20;
-    return {std::wstring(mib, L'a'), L"C:\\" + std::wstring(mib, L'x'),
-            L"\xD83D\xDE00 face \xD800\xDF48 gothic", L"name\xD800", L"\xDC00name", L"\xDE00\xD83D",
-            L"%s%s%s%d%n%ls", L"", L" ", L"\\", L"C:"};
+    return {std::wstring(mib, L'a'),
+            L"C:\\" + std::wstring(mib, L'x'),
+            L"\xD83D\xDE00 face \xD800\xDF48 gothic",
+            L"name\xD800",
+            L"\xDC00name",
+            L"\xDE00\xD83D",
+            L"%s%s%s%d%n%ls",
+            L"",
+            L" ",
+            L"\\",
+            L"C:"};
 }
 
 std::string Describe(const std::wstring& text) {
@@ -135,4 +145,5 @@ DWORD EndIfStuck(DWORD result) {
     return result;
 }
 
-}} // namespace testing_support::slots
+} // namespace slots
+} // namespace testing_support

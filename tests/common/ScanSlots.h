@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
-namespace testing_support { namespace slots {
+namespace testing_support {
+namespace slots {
 
 using qv::kxsdk::AntivirusScan::HashChainSettings;
 using qv::kxsdk::AntivirusScan::IAntivirusScan;
 using qv::kxsdk::AntivirusScan::ScanMode;
 using qv::kxsdk::AntivirusScan::ScanType;
-
 
 inline DWORD RegisterEngines(void* scan, IAntivirusScan::IEnginesEvents* s) {
     return CallSlot<DWORD>(scan, kRegisterEnginesEvents, s);
@@ -107,4 +107,5 @@ std::string Describe(const std::wstring& text);
 constexpr DWORD kFireTimeoutMs = 30000;
 DWORD EndIfStuck(DWORD result);
 
-}} // namespace testing_support::slots
+} // namespace slots
+} // namespace testing_support

@@ -14,8 +14,8 @@ bool OnWine() { return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_
 
 std::string UnixPath(const std::wstring& path) {
     using Fn = char*(CDECL*)(const wchar_t*);
-    auto fn = reinterpret_cast<Fn>(reinterpret_cast<void*>(
-        GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+    auto fn = reinterpret_cast<Fn>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
     if (!fn) return std::string();
     char* unix = fn(path.c_str());
     std::string out = unix ? unix : "";
@@ -29,8 +29,7 @@ bool StartUnix(const wchar_t* program, const std::wstring& args) {
     STARTUPINFOW si{};
     si.cb = sizeof si;
     PROCESS_INFORMATION pi{};
-    if (!CreateProcessW(app.c_str(), &cmd[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
-        return false;
+    if (!CreateProcessW(app.c_str(), &cmd[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return false;
     if (pi.hProcess) {
         WaitForSingleObject(pi.hProcess, 30000);
         CloseHandle(pi.hProcess);

@@ -32,7 +32,8 @@ ExpectedEngines ExpectedFromUpdateFile(const std::string& bytes) {
         for (char byte : narrow) line += static_cast<wchar_t>(static_cast<unsigned char>(byte));
     }
     // Where the stream stands after the fourth line is how many bytes the four lines took.
-    const std::streamoff taken = stream.eof() ? static_cast<std::streamoff>(bytes.size()) : std::streamoff(stream.tellg());
+    const std::streamoff taken =
+        stream.eof() ? static_cast<std::streamoff>(bytes.size()) : std::streamoff(stream.tellg());
     if (taken > static_cast<std::streamoff>(kUpdateFileHeadBytes)) return ExpectedEngines{};
     ExpectedEngines expected;
     expected.read = true;

@@ -14,9 +14,9 @@ namespace testing_support {
 constexpr size_t kUpdateFileHeadBytes = 1u << 20;
 
 struct ExpectedEngines {
-    bool read = false;       // four lines were there
-    std::wstring version;    // line 4's last word; "" when not read
-    uint64_t count = 0;      // line 2's last word as _wtoi64 reads it; 0 when not read
+    bool read = false;    // four lines were there
+    std::wstring version; // line 4's last word; "" when not read
+    uint64_t count = 0;   // line 2's last word as _wtoi64 reads it; 0 when not read
 };
 
 ExpectedEngines ExpectedFromUpdateFile(const std::string& bytes);
