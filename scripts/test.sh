@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Sets up the machine, builds everything, packs the release and runs every test under Wine through
-# CTest, the release check among them.
+# Sets up the machine, checks the formatting, builds everything, packs the release and runs every
+# test under Wine through CTest, the release check among them.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
 build="${AVSCAN_BUILD:-$here/build}"
 bash "$here/scripts/setup.sh"
+# Unformatted code fails the run before anything is built.
+bash "$here/scripts/format-check.sh"
 cmake -S "$here" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$here/cmake/mingw-w64-posix.cmake" >/dev/null
 cmake --build "$build" -j"$(nproc)"
 # The release ZIP, for the release check among the tests (example host built against it).
