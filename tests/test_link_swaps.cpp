@@ -64,8 +64,8 @@ public:
             return false;
         std::wstring command = L"link_flipper " + std::to_wstring(ntohs(address.sin_port));
         for (const Flip& f : flips) {
-            const std::string spec = UnixPath(f.name) + "|" + UnixPath(f.aside) + "|" + UnixPath(f.target);
-            command += L" \"" + std::wstring(spec.begin(), spec.end()) + L"\"";
+            const std::string triple = UnixPath(f.name) + "|" + UnixPath(f.aside) + "|" + UnixPath(f.target);
+            command += L" \"" + std::wstring(triple.begin(), triple.end()) + L"\"";
         }
         STARTUPINFOW si{};
         si.cb = sizeof si;
