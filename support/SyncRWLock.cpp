@@ -218,4 +218,11 @@ void CSyncRWLock::ReleaseWrite(uint32_t threadId) {
     LeaveCriticalSection(&guard);
 }
 
+CSyncRWLock::State CSyncRWLock::Snapshot() {
+    EnterCriticalSection(&guard);
+    const State state{readersWaiting, writersWaiting, activeReaders, writerActive};
+    LeaveCriticalSection(&guard);
+    return state;
+}
+
 } // namespace qv

@@ -33,6 +33,13 @@ public:
     void AcquireWrite(uint32_t threadId = 0) override;
     void ReleaseWrite(uint32_t threadId = 0) override;
 
+    // The lock's own bookkeeping, read under its guard: who waits at the gates and who holds it.
+    // For diagnostics and for tests that must know a thread is blocked without guessing a time.
+    struct State {
+        uint32_t readersWaiting, writersWaiting, activeReaders, writerActive;
+    };
+    State Snapshot();
+
 private:
     // Read recursion per reading thread, sorted by thread id. The first entries live inline and
     // the storage only ever grows, so taking a read lock allocates nothing once the lock has

@@ -9,52 +9,9 @@
 
 namespace qvtest {
 
-namespace lock_probe {
-// An explicit instantiation may name private members; the friend function hands the pointer
-// to member out of it. Standard C++, no extension.
-template <class Tag, typename Tag::type Member> struct Expose {
-    friend typename Tag::type MemberOf(Tag) { return Member; }
-};
-struct Guard {
-    using type = CRITICAL_SECTION qv::CSyncRWLock::*;
-    friend type MemberOf(Guard);
-};
-struct ReadersWaiting {
-    using type = uint32_t qv::CSyncRWLock::*;
-    friend type MemberOf(ReadersWaiting);
-};
-struct WritersWaiting {
-    using type = uint32_t qv::CSyncRWLock::*;
-    friend type MemberOf(WritersWaiting);
-};
-struct ActiveReaders {
-    using type = uint32_t qv::CSyncRWLock::*;
-    friend type MemberOf(ActiveReaders);
-};
-struct WriterActive {
-    using type = uint32_t qv::CSyncRWLock::*;
-    friend type MemberOf(WriterActive);
-};
-template struct Expose<Guard, &qv::CSyncRWLock::guard>;
-template struct Expose<ReadersWaiting, &qv::CSyncRWLock::readersWaiting>;
-template struct Expose<WritersWaiting, &qv::CSyncRWLock::writersWaiting>;
-template struct Expose<ActiveReaders, &qv::CSyncRWLock::activeReaders>;
-template struct Expose<WriterActive, &qv::CSyncRWLock::writerActive>;
-} // namespace lock_probe
+using LockState = qv::CSyncRWLock::State;
 
-struct LockState {
-    uint32_t readersWaiting, writersWaiting, activeReaders, writerActive;
-};
-
-inline LockState StateOf(qv::CSyncRWLock& lock) {
-    using namespace lock_probe;
-    CRITICAL_SECTION& guard = lock.*MemberOf(Guard{});
-    EnterCriticalSection(&guard);
-    const LockState state{lock.*MemberOf(ReadersWaiting{}), lock.*MemberOf(WritersWaiting{}),
-                          lock.*MemberOf(ActiveReaders{}), lock.*MemberOf(WriterActive{})};
-    LeaveCriticalSection(&guard);
-    return state;
-}
+inline LockState StateOf(qv::CSyncRWLock& lock) { return lock.Snapshot(); }
 
 // Waits, within the watchdog time, until exactly this many readers and writers wait at the gates.
 inline bool WaitForWaiters(qv::CSyncRWLock& lock, uint32_t readers, uint32_t writers, DWORD watchdogMs = 10000) {
