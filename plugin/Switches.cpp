@@ -130,12 +130,14 @@ DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
     QV_FUNCTION(L"AntivirusScanAL::GetFeatureStatus");
     if (IsNullArgument(qvFunctionName_, isLocked)) return kInvalidParameter;
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        if (!AcceptFeatureName(qvFunctionName_, name)) return kInvalidParameter;
         auto lock = stateLock.Lock();
         if (const bool* known = featureLocks.FindConst(name)) {
             *isLocked = *known;
             return kSuccess;
         }
+        // A refused name is never stored and names compare in full length, so only a name the
+        // table does not know needs the check: it stays off the path of known features.
+        if (!AcceptFeatureName(qvFunctionName_, name)) return kInvalidParameter;
         // Unknown features count as locked.
         bool locked = true;
         SettingsSection section(settingsPlugin);
