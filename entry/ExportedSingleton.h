@@ -2,6 +2,7 @@
 // Declares one exported class under an object name: every create hands out the same instance,
 // counted; the last release destroys it, and so does the library unload whatever the count.
 #include "entry/ObjectRegistry.h"
+#include "support/ProcessExit.h"
 
 namespace qv {
 
@@ -16,9 +17,12 @@ public:
         }
     }
 
-    // Runs at library unload.
+    // Runs at library unload. When the unload comes from the process ending, the object is left
+    // as it is: the threads inside it are gone, so waiting for their calls would never end, and
+    // the sibling plug-ins and log.dll it would call while going may be detached already. The
+    // system reclaims the memory with the process.
     ~ExportedSingletonDeclaration() {
-        if (!holdsRegistry_) return;
+        if (!holdsRegistry_ || ProcessIsEnding()) return;
         {
             RegistryScope registry;
             registry->Remove(name_);

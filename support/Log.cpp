@@ -1,5 +1,6 @@
 #include "support/Log.h"
 
+#include "support/ProcessExit.h"
 #include "support/SpinGuard.h"
 
 #include <cstdlib>
@@ -159,6 +160,8 @@ HRESULT Write(CLogDLL* instance, uint16_t nesting, const uint32_t* severity, HMO
 }
 
 void WriteHeldV(uint16_t nesting, uint32_t severity, const wchar_t* function, const wchar_t* format, va_list args) {
+    // log.dll may be detached already, or its lock left held by a thread the exit ended.
+    if (qv::ProcessIsEnding()) return;
     // A line must never change the outcome of the operation that writes it.
     try {
         CLogDLLRef holder;

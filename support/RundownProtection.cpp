@@ -1,5 +1,7 @@
 #include "support/RundownProtection.h"
 
+#include "support/ProcessExit.h"
+
 namespace qv {
 
 bool RundownProtection::TryAcquire() noexcept {
@@ -21,11 +23,14 @@ void RundownProtection::ReleaseUse() noexcept {
 
 void RundownProtection::Open() noexcept { state_.store(0); }
 
-void RundownProtection::CloseAndWait() noexcept {
+bool RundownProtection::CloseAndWait() noexcept {
     state_.fetch_or(kClosed);
+    if (UsesInFlight() == 0) return true;
+    if (ProcessIsEnding()) return false;
     AcquireSRWLockExclusive(&waitLock_);
     while (UsesInFlight() != 0) SleepConditionVariableSRW(&drained_, &waitLock_, INFINITE, 0);
     ReleaseSRWLockExclusive(&waitLock_);
+    return true;
 }
 
 } // namespace qv

@@ -26,9 +26,11 @@ public:
     void ReleaseUse() noexcept;
     // Accepts uses again. Only for a closed rundown with no use in flight.
     void Open() noexcept;
-    // Refuses new uses from now on and returns once every use in flight has been dropped.
-    // Must not be called by a thread that holds a use itself: it would wait for itself.
-    void CloseAndWait() noexcept;
+    // Refuses new uses from now on and returns true once every use in flight has been dropped.
+    // Must not be called by a thread that holds a use itself: it would wait for itself. While the
+    // process is ending it returns false at once when uses are in flight: their threads were
+    // ended by the exit and will never drop them.
+    bool CloseAndWait() noexcept;
     uint32_t UsesInFlight() const noexcept { return state_.load() >> 1; }
 
 private:
