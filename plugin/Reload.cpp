@@ -38,15 +38,19 @@ DWORD AntivirusScanAL::OnComponentInstalled(const IUpdate::ComponentInfo& info, 
         }
         if (!antivirus) return kSuccess;
 
-        OnBeforeReload(kReloadStarted);
-        const DWORD result = ReloadEngines(StringW(enginesPath));
-        if (result == kSuccess || result == kDataLostRepair) OnReloadSuccessfull();
-        RefreshBackupStatus();
-        ComputeSigInfo();
-        RefreshScanModes();
-        CleanCoreTempFolder();
+        // Each step is fenced on its own: a sink or sibling that throws, or memory that runs out,
+        // in one of them must not keep the later ones from refreshing what the reload changed.
+        const wchar_t* const step = qvFunctionName_;
+        GuardedStep(step, [&] { OnBeforeReload(kReloadStarted); });
+        DWORD result = kInternalError;
+        GuardedStep(step, [&] { result = ReloadEngines(StringW(enginesPath)); });
+        if (result == kSuccess || result == kDataLostRepair) GuardedStep(step, [&] { OnReloadSuccessfull(); });
+        GuardedStep(step, [&] { RefreshBackupStatus(); });
+        GuardedStep(step, [&] { ComputeSigInfo(); });
+        GuardedStep(step, [&] { RefreshScanModes(); });
+        GuardedStep(step, [&] { CleanCoreTempFolder(); });
         (void)K32EmptyWorkingSet(GetCurrentProcess());
-        if (result == kDataLostRepair) RecoveryStep_RestartService();
+        if (result == kDataLostRepair) GuardedStep(step, [&] { RecoveryStep_RestartService(); });
         return kSuccess;
     });
 }
@@ -54,12 +58,13 @@ DWORD AntivirusScanAL::OnComponentInstalled(const IUpdate::ComponentInfo& info, 
 DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
     QV_TRACE(L"AntivirusScanAL::ReloadEngines");
     if (!enginesRecoveryInProgress) {
-        DWORD error;
-        {
-            auto provider = scanSpPlugin.Acquire();
-            if (!provider) return kDependencyNotFound;
-            reloadStarted.Fire(path);
-            QV_LOG(LOG_SEV_INFO, L"OnReloadStarted [path = %s]", path.c_str());
+        if (!scanSpPlugin.IsHeld()) return kDependencyNotFound;
+        // The provider is pinned only for its own call, never while the sinks run: UnInit's
+        // release waits for the pinned calls, and a sink may wait for the host's thread.
+        reloadStarted.Fire(path);
+        QV_LOG(LOG_SEV_INFO, L"OnReloadStarted [path = %s]", path.c_str());
+        DWORD error = kDependencyNotFound; // handed back since: reported as missing
+        if (auto provider = scanSpPlugin.Acquire()) {
             // The provider finds the new engines itself; the path is only for the sinks.
             error = provider->ReloadEngines();
         }
@@ -70,22 +75,18 @@ DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
     }
 
     QV_LOG(LOG_SEV_WARNING, L"EnginesRecoveryInProgress: check new engines folder integrity.");
-    bool fixed;
-    {
-        // The probe's get and its release form one step against UnInit's release of the same
-        // holder: each get is handed back exactly once, by whichever of the two comes second.
-        ServPlugin<IScanSp>::LifecycleLock probing(scanSpPlugin);
-        bool loadedHere = false;
-        if (scanSpPlugin.IsHeld()) {
-            QV_LOG(LOG_SEV_WARNING, L"ScanSp loaded by someone else");
-        } else {
-            QV_LOG(LOG_SEV_WARNING, L"ScanSp not loaded => load now");
-            loadedHere = scanSpPlugin.GetPlugin(ComponentManager());
-        }
-        fixed = scanSpPlugin.IsHeld();
-        // This process keeps running without engines; the restart loads them normally.
-        if (loadedHere) scanSpPlugin.Release();
+    // The probe's get and release go through the holder like UnInit's release, without a lock
+    // across the manager's answers: whichever of the two comes second hands the provider back.
+    bool loadedHere = false;
+    if (scanSpPlugin.IsHeld()) {
+        QV_LOG(LOG_SEV_WARNING, L"ScanSp loaded by someone else");
+    } else {
+        QV_LOG(LOG_SEV_WARNING, L"ScanSp not loaded => load now");
+        loadedHere = scanSpPlugin.GetPlugin(ComponentManager());
     }
+    const bool fixed = loadedHere || scanSpPlugin.IsHeld();
+    // This process keeps running without engines; the restart loads them normally.
+    if (loadedHere) scanSpPlugin.Release();
     if (!fixed) {
         QV_LOG(LOG_SEV_WARNING, L"ScanSp load NOT-FIXED => invalidate_cache");
         RecoveryStep_InvalidateCache();

@@ -12,6 +12,7 @@
 #include "plugin/SlotGuard.h"
 #include "support/CriticalSection.h"
 #include "support/Log.h"
+#include "support/ProcessExit.h"
 #include "support/RundownProtection.h"
 #include "sdk/StringT.h"
 
@@ -60,8 +61,14 @@ template <> struct PluginTraits<Telemetry::ITelemetry> {
 // may be stopping the object on its own thread. Every use therefore goes through a Use, which
 // either pins the live interface until it goes out of scope or finds the holder empty; handing
 // the plug-in back closes the holder to new uses and waits for the pinned ones first, so that no
-// call reaches a plug-in after it was handed back. Gets and releases are serialised by the
-// holder's lifecycle lock, so that each get is matched by exactly one release.
+// call reaches a plug-in after it was handed back.
+//
+// Gets and releases of one holder are made by one thread at a time, but no lock is held while
+// the component manager answers: a manager that waits for another thread of the host must not
+// find that thread stuck on this holder. A thread that finds another one in the middle of a get
+// or a hand-back does not wait for it: a release is left to that thread, which hands the plug-in
+// back as soon as its own change is done, and a get is answered as not available now. So each
+// get is handed back exactly once, by whichever of the two comes second.
 template <class T> class ServPlugin {
 public:
     class Use {
@@ -82,15 +89,6 @@ public:
         T* const plugin_;
     };
 
-    // Keeps gets and releases of this holder out for a compound step (get, look, hand back).
-    class LifecycleLock {
-    public:
-        explicit LifecycleLock(ServPlugin& holder) : lock_(holder.lifecycle_.Lock()) {}
-
-    private:
-        CriticalSection::Guard lock_;
-    };
-
     explicit ServPlugin(const wchar_t* name) : name_(name) {}
     ~ServPlugin() { Release(); }
     ServPlugin(const ServPlugin&) = delete;
@@ -100,8 +98,12 @@ public:
     // is reported missing, and the caller decides.
     bool GetPlugin(IComponentManager* componentManager) {
         QV_TRACE(PluginTraits<T>::kTraceName);
-        auto lock = lifecycle_.Lock();
-        Release();
+        if (!BeginChange(false)) {
+            QV_LOG(logging::LOG_SEV_WARNING, L"Plugin \"%s\" busy", name_.c_str());
+            return false;
+        }
+        Change change(*this);
+        HandBack();
         if (!componentManager) {
             QV_LOG(logging::LOG_SEV_ERROR, L"Null component manager");
             return false;
@@ -117,20 +119,17 @@ public:
         if (!raw) return false;
         plugin_.store(static_cast<T*>(raw));
         rundown_.Open();
-        return true;
+        // A release asked for while the manager answered is carried out here, before returning.
+        return !change.End();
     }
 
     // Hands the plug-in back to the manager that served it, by name, once the uses in flight
-    // have ended. Never call it while holding a Use of this holder or a lock that a user takes.
-    void Release() {
-        auto lock = lifecycle_.Lock();
-        if (!plugin_.load()) return;
-        rundown_.CloseAndWait();
-        // A manager that throws still counts as having taken the plug-in back: the holder is empty
-        // afterwards, and the holders released after this one are released all the same.
-        if (manager_) GuardedStep(PluginTraits<T>::kReleaseName, [&] { (void)manager_->ReleasePlugin(name_.c_str()); });
-        manager_ = nullptr;
-        plugin_.store(nullptr);
+    // have ended; or leaves that to the thread in the middle of a get or hand-back of this holder.
+    // Never call it while holding a Use of this holder or a lock that a user takes.
+    void Release() noexcept {
+        if (!BeginChange(true)) return;
+        Change change(*this);
+        HandBack();
     }
 
     // Pins the plug-in for the caller's scope, or finds the holder empty.
@@ -141,6 +140,67 @@ public:
     const StringW& Name() const { return name_; }
 
 private:
+    // The thread's claim on changing the holder, given up on every way out of the scope.
+    class Change {
+    public:
+        explicit Change(ServPlugin& holder) noexcept : holder_(holder) {}
+        ~Change() { End(); }
+        Change(const Change&) = delete;
+        Change& operator=(const Change&) = delete;
+        // True when a release asked for by another thread was carried out.
+        bool End() noexcept {
+            if (ended_) return false;
+            ended_ = true;
+            return holder_.EndChange();
+        }
+
+    private:
+        ServPlugin& holder_;
+        bool ended_ = false;
+    };
+
+    // True when this thread may change the holder. False when another thread is changing it;
+    // a release is then recorded for that thread to carry out.
+    bool BeginChange(bool release) noexcept {
+        auto lock = stateLock_.Lock();
+        if (changing_) {
+            if (release) releaseAsked_ = true;
+            return false;
+        }
+        changing_ = true;
+        return true;
+    }
+
+    bool EndChange() noexcept {
+        bool released = false;
+        for (;;) {
+            {
+                auto lock = stateLock_.Lock();
+                if (!releaseAsked_) {
+                    changing_ = false;
+                    return released;
+                }
+                releaseAsked_ = false;
+            }
+            HandBack();
+            released = true;
+        }
+    }
+
+    // Only by the thread that changes the holder.
+    void HandBack() noexcept {
+        if (!plugin_.load()) return;
+        // While the process ends, the uses in flight belong to threads that are gone, and the
+        // manager may be gone too: the holder is only emptied.
+        const bool drained = rundown_.CloseAndWait();
+        // A manager that throws still counts as having taken the plug-in back: the holder is empty
+        // afterwards, and the holders released after this one are released all the same.
+        if (drained && manager_ && !ProcessIsEnding())
+            GuardedStep(PluginTraits<T>::kReleaseName, [&] { (void)manager_->ReleasePlugin(name_.c_str()); });
+        manager_ = nullptr;
+        plugin_.store(nullptr);
+    }
+
     // AVSCAN_UNGUARDED_SIBLINGS is set only in a benchmark copy of the plug-in, which measures
     // what the guard costs by leaving it out; never in the plug-in that ships.
     T* BeginUse() noexcept {
@@ -156,7 +216,10 @@ private:
 #endif
     }
 
-    CriticalSection lifecycle_;
+    // Guards only the two flags below, never a call.
+    CriticalSection stateLock_;
+    bool changing_ = false;
+    bool releaseAsked_ = false;
     RundownProtection rundown_;
     IComponentManager* manager_ = nullptr;
     std::atomic<T*> plugin_{nullptr};
