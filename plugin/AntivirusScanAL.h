@@ -115,6 +115,11 @@ private:
     DWORD ChangeReportingSwitch(const wchar_t* function, bool enabled, Field field, Notify notify);
     bool ApplyBackupStatus(bool status);
     uint32_t RefreshBackupStatus();
+    bool SaveSwitches(const AntivirusScanSettings& record);
+    void BeginBackupCall();
+    bool EndBackupCall();
+    bool PushBackupStatus(bool& status, bool& again);
+    void RepeatBackupPush(bool again) noexcept;
 
     // Core temp folder and crash handler
     void InitCoreTempFolder();
@@ -161,9 +166,12 @@ private:
     // and enginesRecoveryInProgress are written only by Init, before Start publishes the object
     // to other plug-ins, and only read afterwards, so they may be read without it.
     CriticalSection stateLock{1000};
-    // Whole switch changes, provider call included; always taken before stateLock.
-    CriticalSection switchLock{1000};
     AntivirusScanSettings settings;
+    // How the switches reach the store and the backup option the provider, under stateLock
+    // (Switches.cpp): saves of the switches' record, and provider calls in flight.
+    uint64_t switchSaves = 0;
+    uint32_t backupCalls = 0;
+    bool backupCallsOverlapped = false;
     ScanMode primaryScanMode = kxsdk::AntivirusScan::ScanModeNone;
     ScanMode fallbackScanMode = kxsdk::AntivirusScan::ScanModeNone;
     uint32_t scanType = kxsdk::AntivirusScan::Full;

@@ -92,12 +92,10 @@ DWORD AntivirusScanAL::InitSteps(IQvHost* host) {
     if (!ctcPlugin.GetPlugin(manager)) QV_LOG(LOG_SEV_INFO, L"Dependency not found : CTC.");
     DisableScanCrashHandler();
 
-    bool backup;
-    {
-        auto lock = stateLock.Lock();
-        backup = settings.enableBackup;
-    }
-    ApplyBackupStatus(backup);
+    // Read under stateLock and applied after leaving it, counted with the switches' calls.
+    bool backup = false, again = false;
+    PushBackupStatus(backup, again);
+    RepeatBackupPush(again);
     return kSuccess;
 }
 

@@ -14,33 +14,47 @@ DWORD AntivirusScanAL::EnableBackup(bool status) {
     QV_TRACE(L"AntivirusScanAL::EnableBackup");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         QV_LOG(LOG_SEV_INFO, L"[status = %d]", status ? 1 : 0);
+        uint64_t ownSave;
         {
-            // From the save to the record update the store is ahead of the record: no other
-            // switch may save the record (and with it the old backup value) in between.
-            auto switching = switchLock.Lock();
-            {
-                auto lock = stateLock.Lock();
-                if (status == settings.enableBackup) {
-                    QV_LOG(LOG_SEV_INFO, L"already in this state");
-                    return kSuccess;
-                }
-                AntivirusScanSettings changed = settings;
-                changed.enableBackup = status;
-                if (!SaveSettings(changed)) {
-                    QV_LOG(LOG_SEV_ERROR, L"save failed");
-                    return kCantWrite;
-                }
-            }
-            if (!ApplyBackupStatus(status)) {
-                QV_LOG(LOG_SEV_ERROR, L"apply failed");
-                // Put the old value back in the store: the provider still runs with it.
-                auto lock = stateLock.Lock();
-                SaveSettings(settings);
-                return kInternalError;
-            }
             auto lock = stateLock.Lock();
-            settings.enableBackup = status;
+            if (status == settings.enableBackup) {
+                QV_LOG(LOG_SEV_INFO, L"already in this state");
+                return kSuccess;
+            }
+            AntivirusScanSettings changed = settings;
+            changed.enableBackup = status;
+            if (!SaveSwitches(changed)) {
+                QV_LOG(LOG_SEV_ERROR, L"save failed");
+                return kCantWrite;
+            }
+            ownSave = switchSaves;
+            BeginBackupCall();
         }
+        bool applied;
+        try {
+            applied = ApplyBackupStatus(status);
+        } catch (...) {
+            auto lock = stateLock.Lock();
+            --backupCalls;
+            throw;
+        }
+        if (!applied) QV_LOG(LOG_SEV_ERROR, L"apply failed");
+        bool again;
+        {
+            auto lock = stateLock.Lock();
+            again = EndBackupCall();
+            if (applied) {
+                settings.enableBackup = status;
+                // The store is ahead of the record from the save above until here: a switch that
+                // saved the record in between wrote the old backup value back.
+                if (switchSaves != ownSave) SaveSwitches(settings);
+            } else {
+                // Put the old value back in the store: the provider still runs with it.
+                SaveSwitches(settings);
+            }
+        }
+        RepeatBackupPush(again);
+        if (!applied) return kInternalError;
         backupStatusChanged.Fire(status);
         return kSuccess;
     });
@@ -82,16 +96,15 @@ DWORD AntivirusScanAL::ChangeReportingSwitch(const wchar_t* function, bool enabl
     return GuardedSlot(function, [&]() -> DWORD {
         WriteMessage(LOG_SEV_INFO, function, L"[enabled = %d]", enabled ? 1 : 0);
         {
-            auto switching = switchLock.Lock();
             auto lock = stateLock.Lock();
             if (enabled == field(settings)) {
-                SaveSettings(settings);
+                SaveSwitches(settings);
                 WriteMessage(LOG_SEV_INFO, function, L"already in this state");
                 return kSuccess;
             }
             AntivirusScanSettings changed = settings;
             field(changed) = enabled;
-            if (!SaveSettings(changed)) {
+            if (!SaveSwitches(changed)) {
                 WriteMessage(LOG_SEV_ERROR, function, L"save failed");
                 return kCantWrite;
             }
@@ -164,16 +177,68 @@ bool AntivirusScanAL::ApplyBackupStatus(bool status) {
 
 uint32_t AntivirusScanAL::RefreshBackupStatus() {
     QV_TRACE(L"AntivirusScanAL::RefreshBackupStatus");
-    // Read and applied as one step, so that a stale value never overtakes a newer one.
-    auto switching = switchLock.Lock();
-    bool status;
+    bool status = false, again = false;
+    const bool applied = PushBackupStatus(status, again);
+    if (!applied) QV_LOG(LOG_SEV_WARNING, L"Cannot apply backup status [value = %d]", status ? 1 : 0);
+    RepeatBackupPush(again);
+    return applied ? 1 : 0;
+}
+
+// No lock is held while the provider answers, so that a provider waiting for one of the callers
+// cannot deadlock with it. What a lock across the call would give is kept by bookkeeping under
+// stateLock instead:
+// - the store: every save of the switches is counted, and EnableBackup, whose save runs ahead of
+//   the record until the provider has answered, saves the record again when the count moved;
+// - the provider: calls with the backup value may overlap (EnableBackup on callers' threads, the
+//   refresh after a reload on the update thread), and which of them the provider takes last
+//   cannot be known. The last of overlapping calls to end pushes the record's value once more.
+bool AntivirusScanAL::SaveSwitches(const AntivirusScanSettings& record) {
+    ++switchSaves;
+    return SaveSettings(record);
+}
+
+void AntivirusScanAL::BeginBackupCall() {
+    if (backupCalls++ != 0) backupCallsOverlapped = true;
+}
+
+// True when this call ended the last of overlapping ones.
+bool AntivirusScanAL::EndBackupCall() {
+    if (--backupCalls != 0 || !backupCallsOverlapped) return false;
+    backupCallsOverlapped = false;
+    return true;
+}
+
+// Applies the record's backup value as one counted call; `again` tells whether the value has to
+// be pushed once more.
+bool AntivirusScanAL::PushBackupStatus(bool& status, bool& again) {
     {
         auto lock = stateLock.Lock();
         status = settings.enableBackup;
+        BeginBackupCall();
     }
-    if (ApplyBackupStatus(status)) return 1;
-    QV_LOG(LOG_SEV_WARNING, L"Cannot apply backup status [value = %d]", status ? 1 : 0);
-    return 0;
+    bool applied;
+    try {
+        applied = ApplyBackupStatus(status);
+    } catch (...) {
+        // An overlap seen so far stays marked for the next call to end.
+        auto lock = stateLock.Lock();
+        --backupCalls;
+        throw;
+    }
+    auto lock = stateLock.Lock();
+    again = EndBackupCall();
+    return applied;
+}
+
+void AntivirusScanAL::RepeatBackupPush(bool again) noexcept {
+    QV_FUNCTION(L"AntivirusScanAL::RefreshBackupStatus");
+    GuardedStep(qvFunctionName_, [&] {
+        while (again) {
+            bool status = false;
+            if (!PushBackupStatus(status, again))
+                QV_LOG(LOG_SEV_WARNING, L"Cannot apply backup status [value = %d]", status ? 1 : 0);
+        }
+    });
 }
 
 } // namespace qv
