@@ -60,8 +60,9 @@ DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
     if (!enginesRecoveryInProgress) {
         if (!scanSpPlugin.IsHeld()) return kDependencyNotFound;
         // The provider is pinned only for its own call, never while the sinks run: UnInit's
-        // release waits for the pinned calls, and a sink may wait for the host's thread.
-        reloadStarted.Fire(path);
+        // release waits for the pinned calls, and a sink may wait for the host's thread. A sink
+        // that throws is fenced on its own, so that the reload and its outcome still count.
+        GuardedStep(qvFunctionName_, [&] { reloadStarted.Fire(path); });
         QV_LOG(LOG_SEV_INFO, L"OnReloadStarted [path = %s]", path.c_str());
         DWORD error = kDependencyNotFound; // handed back since: reported as missing
         if (auto provider = scanSpPlugin.Acquire()) {
@@ -70,7 +71,7 @@ DWORD AntivirusScanAL::ReloadEngines(const StringW& path) {
         }
         QV_LOG(error ? LOG_SEV_ERROR : LOG_SEV_INFO, L"OnReloadEnded [path = %s] [error = %d]", path.c_str(),
                static_cast<int>(error));
-        reloadEnded.Fire(path, static_cast<int>(error));
+        GuardedStep(qvFunctionName_, [&] { reloadEnded.Fire(path, static_cast<int>(error)); });
         return error;
     }
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
+#include <stdexcept>
 
 namespace {
 
@@ -32,10 +33,12 @@ struct EnginesSink : IAntivirusScan::IEnginesEvents {
     }
     int OnReloadEnded(const qv::StringW& path, int error) override {
         journal.Add(name + L":ended " + path.c_str() + L" " + std::to_wstring(error));
+        if (throwAtEnd) throw std::runtime_error("sink");
         return 1359;
     }
     Journal& journal;
     std::wstring name;
+    bool throwAtEnd = false;
 };
 
 class Reload : public ::testing::Test {
@@ -118,6 +121,20 @@ TEST_F(Reload, StatusTwoAfterSuccessOneKeptAfterFailureAndRefreshesEveryTime) {
         EXPECT_FALSE(Exists(coreParent + L"\\stale.tmp"));
     }
     EXPECT_EQ(2, Reloads());
+}
+
+// A sink that throws at the end of a reload is fenced there: the reload still counts, and every
+// refresh after it runs.
+TEST_F(Reload, AThrowingSinkSkipsNoLaterStep) {
+    StartPlugin();
+    first.throwAtEnd = true;
+    WriteBytes(coreParent + L"\\stale.tmp", "x");
+    plugin.env.update.SetStatistic(L"Antivirus", L"9.2", 7);
+    EXPECT_EQ(0u, Install());
+    EXPECT_TRUE(LineWith(L"unexpected exception [what = sink]", 4));
+    EXPECT_EQ(2u, Engines()["reloadStatus"].asUInt());
+    EXPECT_TRUE(LineWith(L"Signature [version = 9.2] [count = 7]", 32));
+    EXPECT_FALSE(Exists(coreParent + L"\\stale.tmp"));
 }
 
 TEST_F(Reload, MaintenanceUpdatersInAnyCaseOnlyRecordStatusThree) {
