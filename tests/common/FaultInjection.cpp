@@ -28,7 +28,19 @@ void FaultPlan::Disarm() {
     armed_ = false;
 }
 
+void FaultPlan::HoldFirst(const std::string& site, std::function<void()> hold) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    holdSite_ = site;
+    hold_ = std::move(hold);
+}
+
 bool FaultPlan::Hit(const std::string& site) {
+    std::function<void()> hold;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (hold_ && site == holdSite_) hold.swap(hold_);
+    }
+    if (hold) hold();
     Failure how;
     {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -8,6 +8,7 @@
 //   faults.plan.Arm("ScanSp::ReloadEngines");  ...;  faults.plan.Failed();  // it was called and failed
 #include "host/HostEnvironment.h"
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -37,6 +38,9 @@ public:
     std::vector<std::string> Sites() const;
     // Whether the armed call was made (and failed).
     bool Failed() const;
+    // The first call of `site` from now, armed or not, runs `hold` on the calling thread before
+    // it goes on: the plug-in stays inside that call until `hold` returns.
+    void HoldFirst(const std::string& site, std::function<void()> hold);
 
 private:
     mutable std::mutex mutex_;
@@ -47,6 +51,8 @@ private:
     int seen_ = 0;
     std::vector<std::string> sites_;
     bool failed_ = false;
+    std::string holdSite_;
+    std::function<void()> hold_;
 };
 
 class FaultyServConfig;
