@@ -14,21 +14,32 @@ DWORD AntivirusScanAL::EnableBackup(bool status) {
     QV_TRACE(L"AntivirusScanAL::EnableBackup");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         QV_LOG(LOG_SEV_INFO, L"[status = %d]", status ? 1 : 0);
-        uint64_t ownSave;
+        // Lines are written after leaving the lock: log.dll is never called under it.
+        uint64_t ownSave = 0;
+        DWORD early = kSuccess;
+        bool unchanged = false;
         {
             auto lock = stateLock.Lock();
             if (status == settings.enableBackup) {
-                QV_LOG(LOG_SEV_INFO, L"already in this state");
-                return kSuccess;
+                unchanged = true;
+            } else {
+                AntivirusScanSettings changed = settings;
+                changed.enableBackup = status;
+                if (SaveSwitches(changed)) {
+                    ownSave = switchSaves;
+                    BeginBackupCall();
+                } else {
+                    early = kCantWrite;
+                }
             }
-            AntivirusScanSettings changed = settings;
-            changed.enableBackup = status;
-            if (!SaveSwitches(changed)) {
-                QV_LOG(LOG_SEV_ERROR, L"save failed");
-                return kCantWrite;
-            }
-            ownSave = switchSaves;
-            BeginBackupCall();
+        }
+        if (unchanged) {
+            QV_LOG(LOG_SEV_INFO, L"already in this state");
+            return kSuccess;
+        }
+        if (early != kSuccess) {
+            QV_LOG(LOG_SEV_ERROR, L"save failed");
+            return early;
         }
         bool applied;
         try {
@@ -95,20 +106,26 @@ template <class Field, class Notify>
 DWORD AntivirusScanAL::ChangeReportingSwitch(const wchar_t* function, bool enabled, Field field, Notify notify) {
     return GuardedSlot(function, [&]() -> DWORD {
         WriteMessage(LOG_SEV_INFO, function, L"[enabled = %d]", enabled ? 1 : 0);
+        bool unchanged = false, saved = true;
         {
             auto lock = stateLock.Lock();
             if (enabled == field(settings)) {
+                unchanged = true;
                 SaveSwitches(settings);
-                WriteMessage(LOG_SEV_INFO, function, L"already in this state");
-                return kSuccess;
+            } else {
+                AntivirusScanSettings changed = settings;
+                field(changed) = enabled;
+                saved = SaveSwitches(changed);
+                if (saved) settings = changed;
             }
-            AntivirusScanSettings changed = settings;
-            field(changed) = enabled;
-            if (!SaveSwitches(changed)) {
-                WriteMessage(LOG_SEV_ERROR, function, L"save failed");
-                return kCantWrite;
-            }
-            settings = changed;
+        }
+        if (unchanged) {
+            WriteMessage(LOG_SEV_INFO, function, L"already in this state");
+            return kSuccess;
+        }
+        if (!saved) {
+            WriteMessage(LOG_SEV_ERROR, function, L"save failed");
+            return kCantWrite;
         }
         notify();
         return kSuccess;
@@ -143,14 +160,22 @@ DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
     QV_FUNCTION(L"AntivirusScanAL::GetFeatureStatus");
     if (IsNullArgument(qvFunctionName_, isLocked)) return kInvalidParameter;
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
+        {
+            auto lock = stateLock.Lock();
+            if (const bool* known = featureLocks.FindConst(name)) {
+                *isLocked = *known;
+                return kSuccess;
+            }
+        }
+        // A refused name is never stored and names compare in full length, so only a name the
+        // table does not know needs the check: it stays off the path of known features. It is
+        // made outside the lock, since a refusal is logged.
+        if (!AcceptFeatureName(qvFunctionName_, name)) return kInvalidParameter;
         auto lock = stateLock.Lock();
-        if (const bool* known = featureLocks.FindConst(name)) {
+        if (const bool* known = featureLocks.FindConst(name)) { // set by another thread meanwhile
             *isLocked = *known;
             return kSuccess;
         }
-        // A refused name is never stored and names compare in full length, so only a name the
-        // table does not know needs the check: it stays off the path of known features.
-        if (!AcceptFeatureName(qvFunctionName_, name)) return kInvalidParameter;
         // Unknown features count as locked.
         bool locked = true;
         SettingsSection section(settingsPlugin);
