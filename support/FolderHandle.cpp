@@ -130,8 +130,10 @@ EntryResult DeleteTree(Walk& walk, const FolderHandle& folder, const StringW& pa
 EntryResult DeleteChild(Walk& walk, const FolderHandle& parent, const StringW& parentPath, const wchar_t* name,
                         size_t length, const Listed& listed, ReadOnlyBit readOnly, int depth, bool& undecidedTold) {
     const bool directory = (listed.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    // Write-attributes only where a read-only bit may have to be cleared.
-    const bool clears = readOnly == ReadOnlyBit::Clear && (listed.attributes & FILE_ATTRIBUTE_READONLY);
+    // Write-attributes only where a read-only bit may have to be cleared: a folder's always (the
+    // recursive removal clears it), a file's only inside a tree.
+    const bool clears =
+        (directory || readOnly == ReadOnlyBit::Clear) && (listed.attributes & FILE_ATTRIBUTE_READONLY) != 0;
     UniqueHFile entry;
     DWORD error = OpenForDelete(parent.Get(), name, length, directory, clears, entry.Put());
     if (IsNotFound(error) || error == ERROR_DELETE_PENDING) return EntryResult::Done; // gone, or going

@@ -34,6 +34,7 @@ protected:
             WriteBytes(parent + file, "x");
         SetFileAttributesW((parent + L"\\ro.tmp").c_str(), FILE_ATTRIBUTE_READONLY);
         SetFileAttributesW((parent + L"\\old\\deeper\\ro.tmp").c_str(), FILE_ATTRIBUTE_READONLY);
+        SetFileAttributesW((parent + L"\\old").c_str(), FILE_ATTRIBUTE_READONLY); // a folder's bit is cleared
     }
     // A read-only file beside the folder stays, as DeleteFileW leaves it (with its "Deleting" line
     // and a warning); one inside a sibling's tree goes with the tree.
