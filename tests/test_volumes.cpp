@@ -29,10 +29,10 @@ std::vector<Volume> PlayedVolumes() {
     VolumePlay exfat = fat; // no "." and ".." at all
     exfat.noDots = true;
     volumes.push_back({"exFAT", exfat, true});
-    VolumePlay refs; // 128-bit ids: the 64-bit ones are -1
+    VolumePlay refs; // 128-bit ids, the 64-bit ones -1: checked through the 128-bit ones
     refs.dispose = Dispose::Posix;
     refs.wideIds = true;
-    volumes.push_back({"ReFS", refs, true});
+    volumes.push_back({"ReFS", refs, false});
     VolumePlay smb; // no "..", no listing with ids, no final names
     smb.noDots = smb.noIdListing = smb.noFinalName = true;
     smb.unknownRequest = ERROR_NOT_SUPPORTED;

@@ -136,9 +136,45 @@ bool Rework(void* buffer, bool idBoth, const VolumePlay& play) {
     return !kept.empty();
 }
 
+// The 128-bit listing (FILE_ID_EXTD_DIR_INFO) of a volume with wide ids, made from Wine's 64-bit
+// one: the id's upper half is the volume's, the reparse tag moves to its own field.
+BOOL WideListing(HANDLE h, bool restart, LPVOID buffer, DWORD size) {
+    std::vector<LONGLONG> raw(size / sizeof(LONGLONG) + 1);
+    if (!SystemCalls().getInfo(h, restart ? FileIdBothDirectoryRestartInfo : FileIdBothDirectoryInfo, raw.data(), size))
+        return FALSE;
+    const char* record = reinterpret_cast<const char*>(raw.data());
+    char* out = static_cast<char*>(buffer);
+    char* previous = nullptr;
+    for (;;) {
+        DWORD next, nameBytes, attributes, ea;
+        std::memcpy(&next, record, 4);
+        std::memcpy(&attributes, record + kAttributes, 4);
+        std::memcpy(&nameBytes, record + 60, 4);
+        std::memcpy(&ea, record + kEaSize, 4);
+        const DWORD tag = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) ? ea : 0, zero = 0;
+        std::memcpy(out, record, kEaSize);
+        std::memcpy(out + kEaSize, &zero, 4);
+        std::memcpy(out + 68, &tag, 4);
+        std::memcpy(out + 72, record + kIdBothId, 8);
+        std::memcpy(out + 80, &kWideHigh, 8);
+        std::memcpy(out + 88, record + kIdBothName, nameBytes);
+        const DWORD length = static_cast<DWORD>((88 + nameBytes + 7) & ~size_t(7));
+        std::memcpy(out, &zero, 4);
+        if (previous) {
+            const DWORD offset = static_cast<DWORD>(out - previous);
+            std::memcpy(previous, &offset, 4);
+        }
+        previous = out;
+        out += length;
+        if (!next) return TRUE;
+        record += next;
+    }
+}
+
 BOOL WINAPI GetInfo(HANDLE h, FILE_INFO_BY_HANDLE_CLASS type, LPVOID buffer, DWORD size) {
     const VolumePlay play = Play();
     const int cls = static_cast<int>(type);
+    if ((cls == 19 || cls == 20) && play.wideIds) return WideListing(h, cls == 20, buffer, size);
     if (cls == 19 || cls == 20 || (play.noIdListing && (cls == 10 || cls == 11))) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;

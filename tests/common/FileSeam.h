@@ -29,7 +29,7 @@ struct VolumePlay {
     bool noIdListing = false;                       // listing classes with ids refused
     bool noDots = false;                            // no "." and ".." entries
     bool offsetIds = false;                         // ids are entry offsets, no FileIdInfo
-    bool wideIds = false;                           // 64-bit ids -1, FileIdInfo 128 bits
+    bool wideIds = false;                           // 64-bit ids -1, 128-bit ones in FileIdInfo and the listing
     bool noFinalName = false;                       // GetFinalPathNameByHandleW fails
     bool cloud = false;                             // "cloud*" carry a reparse tag that is no name surrogate
     int sharingViolations = 0;                      // per name opened for deletion, before it opens
