@@ -69,26 +69,31 @@ bool DirectoryWalker::Fill() {
     // is listed whole again.
     const bool restart = !current && !started;
     started = true;
+    // A batch after the first continues with the class that listed the first.
+    ListingClass asked = restart ? *listing : active;
     for (;;) {
-        if (Calls().getInfo(folder, ClassOf(*listing, restart), buffer.get(), kBufferBytes)) break;
+        if (Calls().getInfo(folder, ClassOf(asked, restart), buffer.get(), kBufferBytes)) break;
         const DWORD last = GetLastError();
         // A class the volume does not know is refused on the first batch, with one of several
         // codes depending on the file system and the redirector; the next class down is asked.
-        if (restart && last != ERROR_NO_MORE_FILES && *listing != ListingClass::Full) {
-            *listing = *listing == ListingClass::IdExtd ? ListingClass::IdBoth : ListingClass::Full;
+        // What the volume answers is learnt only from a class that worked: a folder that cannot
+        // be listed at all says nothing about the classes of its volume.
+        if (restart && last != ERROR_NO_MORE_FILES && asked != ListingClass::Full) {
+            asked = asked == ListingClass::IdExtd ? ListingClass::IdBoth : ListingClass::Full;
             continue;
         }
-        error = last == ERROR_NO_MORE_FILES ? 0 : last;
+        error = last == ERROR_NO_MORE_FILES ? 0 : (last ? last : ERROR_INVALID_FUNCTION);
         done = true;
         return false;
     }
+    active = *listing = asked;
     current = reinterpret_cast<const char*>(buffer.get());
     return true;
 }
 
 void DirectoryWalker::Take(const void* record) {
     id = FileId();
-    switch (*listing) {
+    switch (active) {
     case ListingClass::IdExtd: {
         const auto* r = static_cast<const IdExtdRecord*>(record);
         name.assign(r->name, r->nameBytes / sizeof(wchar_t));

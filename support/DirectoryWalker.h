@@ -43,7 +43,8 @@ private:
 
     HANDLE folder;
     ListingClass own = ListingClass::IdExtd;
-    ListingClass* listing;
+    ListingClass* listing;                    // where the walk starts, shared with its other folders
+    ListingClass active = ListingClass::Full; // what this folder's records are
     bool withDots;
     std::unique_ptr<LONGLONG[]> buffer; // LONGLONG: the records hold 64-bit fields
     const char* current = nullptr;
