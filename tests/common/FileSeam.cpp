@@ -281,6 +281,10 @@ BOOL WINAPI VolumePath(LPCWSTR path, LPWSTR buffer, DWORD size) {
     return SystemCalls().volumePathName(path, buffer, size);
 }
 
+DWORD WINAPI FullPath(LPCWSTR path, DWORD size, LPWSTR buffer, LPWSTR* part) {
+    return SystemCalls().fullPathName(path, size, buffer, part);
+}
+
 HMODULE WINAPI LoadEx(LPCWSTR path, HANDLE file, DWORD flags) {
     Record({"LoadLibraryExW", path ? path : L"", 0, flags, 0, 0});
     return SystemCalls().loadLibraryEx(path, file, flags);
@@ -291,9 +295,8 @@ VOID WINAPI Wait(DWORD) {
     ++g_state.sleeps; // the retries are counted, not waited for
 }
 
-const FileCalls kTable = {
-    &NtCreate,   &Create, &GetInfo, &SetInfo, &GetFileInformation, &FinalPath, SystemCalls().fullPathName,
-    &VolumePath, &LoadEx, &Wait};
+constexpr FileCalls kTable = {&NtCreate,  &Create,   &GetInfo,    &SetInfo, &GetFileInformation,
+                              &FinalPath, &FullPath, &VolumePath, &LoadEx,  &Wait};
 
 using ReplaceFn = void (*)(const FileCalls*);
 
