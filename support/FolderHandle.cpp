@@ -142,7 +142,7 @@ EntryResult DeleteChild(Walk& walk, const FolderHandle& parent, const StringW& p
         return EntryResult::Failed;
     }
     StringW real;
-    Verdict verdict = NamedAsChild(entry.Get(), parent.RealName(), name, length, real);
+    Verdict verdict = NamedAsChild(entry.Get(), parent.RealName(), name, length, directory ? &real : nullptr);
     // The folder itself was checked when it was entered (identity and ".."), and a file is
     // opened within the folder the handle holds; a file's own identity is not asked again here,
     // entry by entry, as that query alone would make a large clean several times slower.
@@ -236,7 +236,7 @@ EntryResult FolderHandle::OpenChild(const wchar_t* name, size_t length, const Li
     if (error != ERROR_SUCCESS) return IsNotFound(error) ? EntryResult::Absent : EntryResult::Failed;
     StringW real;
     undecided = false;
-    for (Verdict verdict : {NamedAsChild(opened.Get(), this->real, name, length, real),
+    for (Verdict verdict : {NamedAsChild(opened.Get(), this->real, name, length, &real),
                             IsListedEntry(opened.Get(), listed.id), SitsIn(opened.Get(), handle.Get())}) {
         if (verdict == Verdict::Different) return EntryResult::NotFollowed;
         undecided = undecided || verdict == Verdict::Undecided;
@@ -274,9 +274,8 @@ EntryResult DeleteFileBelow(const wchar_t* base, const wchar_t* relative, DWORD&
     if (IsNotFound(error) || error == ERROR_DELETE_PENDING) return EntryResult::Absent;
     if (error != ERROR_SUCCESS) return EntryResult::Failed;
     // As for the entries of a tree: the file opened must be the one the folder's listing showed.
-    StringW real;
     bool undecided = false;
-    for (Verdict verdict : {NamedAsChild(file.Get(), last.folder.RealName(), last.name, last.length, real),
+    for (Verdict verdict : {NamedAsChild(file.Get(), last.folder.RealName(), last.name, last.length),
                             IsListedEntry(file.Get(), listed.id)}) {
         if (verdict == Verdict::Different) return EntryResult::NotFollowed;
         undecided = undecided || verdict == Verdict::Undecided;

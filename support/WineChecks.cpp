@@ -26,22 +26,39 @@ bool FinalName(HANDLE h, StringW& out) {
     return false;
 }
 
-Verdict NamedAsChild(HANDLE child, const StringW& parentReal, const wchar_t* name, size_t length, StringW& real) {
-    if (parentReal.IsEmpty()) return Verdict::Undecided;
-    // The volume named the folder: a child it cannot name is not taken on trust.
-    if (!FinalName(child, real)) return Verdict::Different;
+namespace {
+// Whether `real` is `parentReal` with one separator and `name` after it, without case.
+Verdict Compare(const wchar_t* real, size_t realLength, const StringW& parentReal, const wchar_t* name, size_t length) {
     size_t prefix = parentReal.Length();
     const bool separated = prefix && IsSeparator(parentReal[prefix - 1]);
-    const size_t expected = prefix + (separated ? 0 : 1) + length;
-    if (real.Length() != expected) return Verdict::Different;
-    if (CompareStringOrdinal(real.c_str(), static_cast<int>(prefix), parentReal.c_str(), static_cast<int>(prefix),
-                             TRUE) != CSTR_EQUAL)
+    if (realLength != prefix + (separated ? 0 : 1) + length) return Verdict::Different;
+    if (CompareStringOrdinal(real, static_cast<int>(prefix), parentReal.c_str(), static_cast<int>(prefix), TRUE) !=
+        CSTR_EQUAL)
         return Verdict::Different;
     if (!separated && real[prefix++] != L'\\') return Verdict::Different;
-    return CompareStringOrdinal(real.c_str() + prefix, static_cast<int>(length), name, static_cast<int>(length),
-                                TRUE) == CSTR_EQUAL
+    return CompareStringOrdinal(real + prefix, static_cast<int>(length), name, static_cast<int>(length), TRUE) ==
+                   CSTR_EQUAL
                ? Verdict::Same
                : Verdict::Different;
+}
+} // namespace
+
+Verdict NamedAsChild(HANDLE child, const StringW& parentReal, const wchar_t* name, size_t length, StringW* real) {
+    if (parentReal.IsEmpty()) return Verdict::Undecided;
+    // Most names fit here: this runs for every file of a tree, and the heap is left alone.
+    wchar_t local[512];
+    const DWORD n = Calls().finalPathName(child, local, 512, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    // The volume named the folder: a child it cannot name is not taken on trust.
+    if (n == 0) return Verdict::Different;
+    if (n < 512) {
+        if (real) *real = StringW(local, n);
+        return Compare(local, n, parentReal, name, length);
+    }
+    StringW longer;
+    if (!FinalName(child, longer)) return Verdict::Different;
+    const Verdict verdict = Compare(longer.c_str(), longer.Length(), parentReal, name, length);
+    if (real) *real = std::move(longer);
+    return verdict;
 }
 
 Verdict IsListedEntry(HANDLE h, const FileId& listed) {

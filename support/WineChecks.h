@@ -26,8 +26,10 @@ bool FinalName(HANDLE h, StringW& out);
 
 // Whether `child`, opened by `name` relative to the folder whose final name is `parentReal`,
 // is named as that folder's entry. Under Wine the handle of a link names the link's target.
-// `parentReal` empty (no final names on this volume) is Undecided; `real` gets the child's name.
-Verdict NamedAsChild(HANDLE child, const StringW& parentReal, const wchar_t* name, size_t length, StringW& real);
+// `parentReal` empty (no final names on this volume) is Undecided; `real`, when given, gets the
+// child's name.
+Verdict NamedAsChild(HANDLE child, const StringW& parentReal, const wchar_t* name, size_t length,
+                     StringW* real = nullptr);
 
 // Whether the open handle is the entry the parent's listing showed with `listed`.
 Verdict IsListedEntry(HANDLE h, const FileId& listed);
