@@ -169,4 +169,28 @@ TEST(FileLayer, ReadOnlyCacheAndRemoteOnlyFilesStay) {
     RemoveFolder(top);
 }
 
+// A system that does not know OBJ_DONT_REPARSE refuses it as an invalid parameter: each
+// placeholder is asked once more without it, and still only as a new name that is no link.
+TEST(FileLayer, PlaceholdersAreStillMadeWhereTheSystemRefusesDontReparse) {
+    const std::wstring engines = TempFolder(L"dontreparse");
+    SeamPlugin s;
+    VolumePlay play;
+    play.noDontReparse = true;
+    s.seam.Play(play);
+    s.plugin.env.servConfig.SetText(2, L"scansp", engines.c_str());
+    s.plugin.env.manager.SetMissing(qv::kxsdk::ids::kScanSpName);
+    ASSERT_TRUE(s.plugin.StartAll());
+    for (const wchar_t* name : {L"qvcore.dll", L"scanclient.dll", L"smartdbv2.dat"})
+        EXPECT_EQ("", ReadBytes(engines + L"\\" + name)) << Narrow(name);
+    std::vector<DWORD> asked;
+    for (const FileCall& call : s.seam.Calls())
+        if (call.kind == "NtCreateFile" && call.disposition == kFileCreate && call.name == L"qvcore.dll") {
+            EXPECT_TRUE(call.flags & kOpenReparsePoint);
+            asked.push_back(call.objectFlags & kDontReparse);
+        }
+    EXPECT_EQ((std::vector<DWORD>{kDontReparse, 0}), asked);
+    s.plugin.StopAll();
+    RemoveFolder(engines);
+}
+
 } // namespace

@@ -73,6 +73,7 @@ LONG NTAPI NtCreate(HANDLE* out, ACCESS_MASK access, void* attributes, void* io,
     Record({"NtCreateFile", name, access, options, object->Attributes, disposition});
     const VolumePlay play = Play();
     if (play.noWriteAttributes && (access & FILE_WRITE_ATTRIBUTES)) return kAccessDenied;
+    if (play.noDontReparse && (object->Attributes & 0x1000)) return static_cast<LONG>(0xC000000D);
     if ((access & DELETE) && Budget(L"busy:" + name, play.sharingViolations)) return kSharingViolation;
     bool pending = false;
     for (const std::wstring& p : play.pending) pending = pending || _wcsicmp(p.c_str(), name.c_str()) == 0;

@@ -39,6 +39,7 @@ struct VolumePlay {
     std::wstring mountedAt;                         // GetVolumePathNameW finds a volume mounted at this folder
     std::wstring refuseListing;                     // a folder of this name cannot be listed (access denied)
     std::wstring refuseDelete;                      // an entry of this name cannot be deleted (access denied)
+    bool noDontReparse = false;                     // OBJ_DONT_REPARSE refused as an invalid parameter (before 1607)
 };
 
 // Installs the table in the loaded seam plug-in on construction, and the system's again on
