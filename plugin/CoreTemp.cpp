@@ -1,9 +1,11 @@
 // The scan service provider's core temp folder and its crash handler.
 #include "plugin/AntivirusScanAL.h"
+#include "plugin/DeleteBelow.h"
 #include "plugin/SlotGuard.h"
 #include "support/DirectoryWalker.h"
 #include "support/FileUtil.h"
 #include "support/FolderHandle.h"
+#include "support/VolumeRoot.h"
 
 #include <shlwapi.h>
 
@@ -41,35 +43,51 @@ void AntivirusScanAL::CleanCoreTempFolder() {
         QV_LOG(LOG_SEV_INFO, L"Core temp folder not found [path = %s]", folder.c_str());
         return;
     }
-    // A relative path would let the process's current folder decide what is cleaned.
-    if (PathIsRelativeW(folder.c_str())) {
+    // A relative path would let the process's current folder (or drive) decide what is cleaned.
+    StringW canonical;
+    if (!file::IsFullPath(folder.c_str()) || !file::CanonicalPath(folder.c_str(), canonical)) {
         QV_LOG(LOG_SEV_WARNING, L"Core temp folder is not a full path, not cleaned [path = %s]", folder.c_str());
         return;
     }
+    // The parent as the configured text names it: the paths logged and compared are built on it.
     StringW base = folder;
     size_t length = base.Length();
     while (length && base[length - 1] == L'\\') --length;
     base.SetLength(length);
     const wchar_t* cut = wcsrchr(base.c_str(), L'\\');
-    if (!cut) return;
-    base.SetLength(static_cast<size_t>(cut - base.c_str()));
+    base.SetLength(cut ? static_cast<size_t>(cut - base.c_str()) : 0);
 
-    // A core temp folder configured directly under a drive or share root would make its
-    // "siblings" the whole volume: never clean there.
-    StringW root = base;
-    root.Append(L'\\');
-    if (base.IsEmpty() || PathIsRootW(root.c_str())) {
+    // A core temp folder directly under a drive, volume or share root, however its path is
+    // written, would make its "siblings" the whole volume: never clean there. The folder cleaned
+    // is the parent the full path resolves to, asked what it is once opened.
+    StringW real;
+    file::FolderHandle parent;
+    if (!file::ParentPath(canonical, real) || file::IsRootPath(real)) {
         QV_LOG(LOG_SEV_WARNING, L"Core temp folder parent is a root, not cleaned [path = %s]", folder.c_str());
         return;
     }
+    const DWORD opened = parent.Open(real.c_str());
+    if (opened != kSuccess) {
+        QV_LOG(LOG_SEV_WARNING, L"Cannot open core temp folder parent [path = %s] [error = %d]", real.c_str(),
+               static_cast<int>(opened));
+        return;
+    }
+    if (file::IsVolumeRoot(parent, real)) {
+        QV_LOG(LOG_SEV_WARNING, L"Core temp folder parent is a root, not cleaned [path = %s]", folder.c_str());
+        return;
+    }
+    // The text and the resolved path must name the same parent ("C:\T\U\." names U itself).
+    StringW textual;
+    if (base.IsEmpty() || !file::CanonicalPath(base.c_str(), textual) || textual.CompareNoCase(real.c_str()) != 0) {
+        QV_LOG(LOG_SEV_WARNING, L"Core temp folder path is ambiguous, not cleaned [path = %s]", folder.c_str());
+        return;
+    }
+    StringW root = base;
+    root.Append(L'\\');
 
     // The parent is opened once; every sibling is listed, opened, checked and deleted through
     // that handle, so no name swapped for a link meanwhile can lead the deletion elsewhere.
-    file::FolderHandle parent;
-    if (parent.Open(root.c_str()) != kSuccess) return;
-    const file::KeptEntryFn keptLink = [](const StringW& path) {
-        QV_LOG(LOG_SEV_WARNING, L"Link not followed, entry kept [path = %s]", path.c_str());
-    };
+    const file::NoteFn note = FileNotes(qvFunctionName_);
     file::DirectoryWalker walker(parent.Get());
     while (walker.Next()) {
         if (!cleanAllowed) break;
@@ -78,9 +96,12 @@ void AntivirusScanAL::CleanCoreTempFolder() {
         full.Append(name.c_str());
         if (full.CompareNoCase(folder.c_str()) == 0) continue;
         QV_LOG(LOG_SEV_DETAIL, L"Deleting [%s]", full.c_str());
-        // Links among the siblings go as links: what they point to is not the provider's.
-        file::DeleteEntry(parent, base, name.c_str(), name.size(), walker.IsDirectory(), walker.FileId(), keptLink);
+        // Links among the siblings go as links: what they point to is not the provider's. A
+        // read-only file stays, as DeleteFileW leaves it; inside a sibling's tree it goes.
+        file::DeleteEntry(parent, base, name.c_str(), name.size(), file::Listed::Of(walker), file::ReadOnlyBit::Keep,
+                          note);
     }
+    if (walker.Error() != kSuccess) note(file::Note::ListingFailed, base, walker.Error());
 }
 
 void AntivirusScanAL::DisableScanCrashHandler() {

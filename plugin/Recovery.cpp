@@ -47,12 +47,13 @@ bool AntivirusScanAL::RecoveryStep_InvalidateCache() {
     };
     const CacheFile files[] = {{L"installer\\wslib.db", L"deleting wslib.db = %s"},
                                {L"installer\\wslib.m", L"deleting wslib.m = %s"}};
+    const file::NoteFn notes = FileNotes(qvFunctionName_);
     for (const CacheFile& cache : files) {
         StringW path = common;
         file::JoinPath(path, cache.name);
         QV_LOG(LOG_SEV_INFO, cache.message, path.c_str());
         DWORD error = kSuccess;
-        if (!DeleteFileBelowKeepingLinks(qvFunctionName_, common, cache.name, path, error))
+        if (!DeleteFileBelowKeepingLinks(qvFunctionName_, common, cache.name, path, error, notes))
             QV_LOG(LOG_SEV_ERROR, L"Cannot delete file [error = %d] [path = %s]", static_cast<int>(error),
                    path.c_str());
     }
@@ -86,7 +87,7 @@ bool AntivirusScanAL::GenerateDummyFile(const StringW& folder, const wchar_t* na
     QV_LOG(LOG_SEV_INFO, L"Generating missing file. [path = %s]", path.c_str());
     if (PathFileExistsW(path.c_str())) return true;
     DWORD error = kSuccess;
-    switch (file::CreateFileBelow(folder.c_str(), name, error)) {
+    switch (file::CreateFileBelow(folder.c_str(), name, error, FileNotes(qvFunctionName_))) {
     case file::EntryResult::Done:
         QV_LOG(LOG_SEV_INFO, L"Missing file created. [path = %s]", path.c_str());
         return true;

@@ -56,9 +56,10 @@ void AntivirusScanAL::RemoveNonRemoteScanPlugins() {
     QV_TRACE(L"AntivirusScanAL::RemoveNonRemoteScanPlugins");
     if (scanType != kxsdk::AntivirusScan::RemoteOnly) return;
     const StringW engines = GetScanSpFolder();
+    const file::NoteFn notes = FileNotes(qvFunctionName_);
     ForEachPluginFile(qvFunctionName_, engines, kDeletedWhenPresent, [&](const wchar_t* name, const StringW& path) {
         DWORD error = kSuccess;
-        if (!DeleteFileBelowKeepingLinks(qvFunctionName_, engines, PluginName(name).c_str(), path, error))
+        if (!DeleteFileBelowKeepingLinks(qvFunctionName_, engines, PluginName(name).c_str(), path, error, notes))
             QV_LOG(LOG_SEV_WARNING, L"Cannot delete file [path = %s] [error = %d]", path.c_str(),
                    static_cast<int>(error));
     });

@@ -1,5 +1,6 @@
 #include "plugin/UpdateFile.h"
 
+#include "support/FileCalls.h"
 #include "support/WinHandle.h"
 
 #include <windows.h>
@@ -33,8 +34,11 @@ StringW LastWord(const std::string& line) {
 } // namespace
 
 UpdateFileRead ReadUpdateFile(const wchar_t* path, UpdateFileInfo& info) {
-    UniqueHFile file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    // A name that reaches a named pipe would let the pipe's server act as this service: it gets
+    // no more than the identification level.
+    UniqueHFile file(file::Calls().createFile(
+        path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+        FILE_ATTRIBUTE_NORMAL | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
     if (!file) return UpdateFileRead::Unreadable;
 
     // Lines 1 and 3 are only counted; lines 2 and 4 are kept, and never beyond the limit. Line 3

@@ -106,7 +106,7 @@ bool DeleteFolderTree(const wchar_t* path) {
     if (parent.IsEmpty()) parent = L".";
     FolderHandle base;
     if (base.Open(parent) != ERROR_SUCCESS) return false;
-    return DeleteFolderNamed(base, parent, name.c_str(), name.Length(), nullptr) == EntryResult::Done;
+    return DeleteFolderNamed(base, parent, name.c_str(), name.Length(), NoteFn()) == EntryResult::Done;
 }
 
 } // namespace file

@@ -1,11 +1,11 @@
 #include "support/FolderHandle.h"
 
-#include "support/DirectoryWalker.h"
+#include "support/FileCalls.h"
 #include "support/FileUtil.h"
 #include "support/NtFile.h"
+#include "support/WineChecks.h"
 
-#include <atomic>
-#include <memory>
+#include <string>
 
 namespace qv {
 namespace file {
@@ -14,172 +14,70 @@ namespace {
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr ACCESS_MASK kListAccess = FILE_LIST_DIRECTORY | FILE_TRAVERSE | FILE_READ_ATTRIBUTES;
-constexpr ACCESS_MASK kDeleteAccess = DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES;
 // Past this depth a tree is left as it is rather than risk the caller's stack.
 constexpr int kMaxDepth = 128;
-
-// FILE_DISPOSITION_INFO_EX and its flags, not in every SDK's headers.
-struct DispositionEx {
-    DWORD flags;
-};
-constexpr DWORD kDispositionDelete = 0x1;
-constexpr DWORD kDispositionPosix = 0x2;
-constexpr DWORD kDispositionIgnoreReadOnly = 0x10;
-constexpr int kFileDispositionInfoEx = 21;
 
 bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
 
 bool IsNotFound(DWORD error) {
-    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND || error == ERROR_DIRECTORY;
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND || error == ERROR_DIRECTORY ||
+           error == ERROR_BAD_NETPATH || error == ERROR_BAD_NET_NAME;
 }
 
-bool FinalName(HANDLE h, StringW& out) {
-    DWORD capacity = 512;
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        if (!out.HasStorage() || out.Capacity() < capacity) out.Reserve(capacity);
-        const DWORD n = GetFinalPathNameByHandleW(h, out.Buffer(), capacity, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
-        if (n == 0) break;
-        if (n < capacity) {
-            out.SetLength(n);
-            return true;
-        }
-        capacity = n + 1;
+// A folder's entry that the listing showed as a reparse point: a link unless its tag says it is
+// something else (a tag the listing did not give counts as a link until its own handle tells).
+bool ListedAsLink(const Listed& listed) {
+    return (listed.attributes & FILE_ATTRIBUTE_REPARSE_POINT) &&
+           (listed.tag == 0 || IsReparseTagNameSurrogate(listed.tag));
+}
+
+StringW PathOf(const StringW& parentPath, const wchar_t* name, size_t length) {
+    StringW path(parentPath);
+    JoinPath(path, std::wstring(name, length).c_str());
+    return path;
+}
+
+// One deletion from its caller's call to its end: the notes go to the caller, and what the
+// volume answered is kept for the rest of it.
+struct Walk {
+    const NoteFn& note;
+    VolumeAnswers answers;
+    ListingClass listing = ListingClass::IdExtd;
+
+    void Tell(Note what, const StringW& path, DWORD error = ERROR_SUCCESS) const {
+        if (note) note(what, path, error);
     }
-    out.SetLength(0);
-    return false;
-}
+};
 
-// True when `child`, opened by `name` relative to a folder whose real name is `parent`, is that
-// folder's own entry. Windows opens the entry itself when asked not to follow a reparse point,
-// so this always holds there. Wine 8 resolves a symbolic link even when asked not to (and shows
-// no reparse point on the handle); the handle then names the link's target, and this is how such
-// an entry is told apart from the folder's own.
-bool NamesChild(HANDLE child, const StringW& parent, const wchar_t* name, size_t length, StringW& real) {
-    if (!FinalName(child, real)) return false;
-    size_t prefix = parent.Length();
-    const bool separated = prefix && IsSeparator(parent[prefix - 1]);
-    const size_t expected = prefix + (separated ? 0 : 1) + length;
-    if (real.Length() != expected) return false;
-    if (CompareStringOrdinal(real.c_str(), static_cast<int>(prefix), parent.c_str(), static_cast<int>(prefix), TRUE) !=
-        CSTR_EQUAL)
-        return false;
-    if (!separated && real[prefix++] != L'\\') return false;
-    return CompareStringOrdinal(real.c_str() + prefix, static_cast<int>(length), name, static_cast<int>(length),
-                                TRUE) == CSTR_EQUAL;
-}
-
-// True when the open handle is the entry the parent's listing showed. Wine 8 resolves a link
-// when it opens it and names the handle by a second, separate look-up of the path, so a name
-// flipped between a folder and a link can open one and be named as the other; the identity of
-// what was really opened is what tells. (Windows opens the entry itself; the identity agrees.)
-bool IsListedEntry(HANDLE h, LONGLONG fileId) {
-    BY_HANDLE_FILE_INFORMATION info{};
-    if (!GetFileInformationByHandle(h, &info)) return false;
-    const LONGLONG id = static_cast<LONGLONG>((static_cast<ULONGLONG>(info.nFileIndexHigh) << 32) | info.nFileIndexLow);
-    return id == fileId;
-}
-
-// Finds `name` in the listing of `folder`: its identity, and whether it can be walked into.
-EntryResult FindFolderEntry(const FolderHandle& folder, const wchar_t* name, size_t length, LONGLONG& fileId,
-                            DWORD& error) {
+// Finds `name` in the listing of `folder`, as it was listed.
+bool FindListed(const FolderHandle& folder, const wchar_t* name, size_t length, Listed& listed, DWORD& error) {
     DirectoryWalker walker(folder.Get());
     while (walker.Next()) {
         const std::wstring& entry = walker.Name();
         if (entry.size() != length || CompareStringOrdinal(entry.c_str(), static_cast<int>(length), name,
                                                            static_cast<int>(length), TRUE) != CSTR_EQUAL)
             continue;
-        fileId = walker.FileId();
-        if (walker.Attributes() & FILE_ATTRIBUTE_REPARSE_POINT) return EntryResult::NotFollowed;
-        if (!walker.IsDirectory()) {
-            error = ERROR_PATH_NOT_FOUND;
-            return EntryResult::Absent;
-        }
-        return EntryResult::Done;
+        listed = Listed::Of(walker);
+        return true;
     }
     error = walker.Error() ? walker.Error() : ERROR_PATH_NOT_FOUND;
-    return walker.Error() ? EntryResult::Failed : EntryResult::Absent;
-}
-
-// The identity the listing of `folder` shows for `name`, of whatever kind; false when unlisted.
-bool ListedId(const FolderHandle& folder, const wchar_t* name, size_t length, LONGLONG& fileId) {
-    DirectoryWalker walker(folder.Get());
-    while (walker.Next()) {
-        const std::wstring& entry = walker.Name();
-        if (entry.size() == length && CompareStringOrdinal(entry.c_str(), static_cast<int>(length), name,
-                                                           static_cast<int>(length), TRUE) == CSTR_EQUAL) {
-            fileId = walker.FileId();
-            return true;
-        }
-    }
     return false;
 }
 
-LONGLONG IdOf(HANDLE h) {
-    BY_HANDLE_FILE_INFORMATION info{};
-    if (!GetFileInformationByHandle(h, &info)) return -1;
-    return static_cast<LONGLONG>((static_cast<ULONGLONG>(info.nFileIndexHigh) << 32) | info.nFileIndexLow);
-}
-
-// True when the folder `child` has `parent` as its parent, by the ".." entry of the child's own
-// listing. Wine 8 builds a listing entry from more than one look-up of its name, so a name flipped
-// between a folder and a link at that moment can be listed with the link target's identity and
-// then opened as that target with every other check agreeing; the target's ".." is elsewhere.
-// (Windows lists and opens the entry itself; its ".." is the parent, and so is a link's.)
-bool SitsIn(HANDLE child, HANDLE parent) {
-    // "." and ".." come first: a batch of a few entries is enough.
-    LONGLONG buffer[128];
-    if (!GetFileInformationByHandleEx(child, FileIdBothDirectoryRestartInfo, buffer, sizeof buffer)) return false;
-    const auto* entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(buffer);
-    for (;;) {
-        if (entry->FileNameLength == 2 * sizeof(wchar_t) && entry->FileName[0] == L'.' && entry->FileName[1] == L'.')
-            return entry->FileId.QuadPart == IdOf(parent);
-        if (!entry->NextEntryOffset) return false;
-        entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(reinterpret_cast<const char*>(entry) +
-                                                               entry->NextEntryOffset);
+// Finds `name` in the listing of `folder` as a folder that can be walked into.
+EntryResult FindFolderEntry(const FolderHandle& folder, const wchar_t* name, size_t length, Listed& listed,
+                            DWORD& error) {
+    DWORD listError = ERROR_SUCCESS;
+    if (!FindListed(folder, name, length, listed, listError)) {
+        error = listError;
+        return listError == ERROR_PATH_NOT_FOUND ? EntryResult::Absent : EntryResult::Failed;
     }
-}
-
-bool IsReparsePoint(HANDLE h) {
-    FILE_ATTRIBUTE_TAG_INFO tag{};
-    return !GetFileInformationByHandleEx(h, FileAttributeTagInfo, &tag, sizeof tag) ||
-           (tag.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-}
-
-bool ClearReadOnly(HANDLE h) {
-    FILE_BASIC_INFO basic{};
-    if (!GetFileInformationByHandleEx(h, FileBasicInfo, &basic, sizeof basic)) return false;
-    if (!(basic.FileAttributes & FILE_ATTRIBUTE_READONLY)) return false;
-    basic.FileAttributes &= ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
-    if (!basic.FileAttributes) basic.FileAttributes = FILE_ATTRIBUTE_NORMAL;
-    return SetFileInformationByHandle(h, FileBasicInfo, &basic, sizeof basic) != FALSE;
-}
-
-// Deletes exactly what `h` names: the name goes with the handle's object, never with what a
-// name reaches. POSIX semantics (Windows 10 1709 and later, NTFS) take the name away at once, so
-// that the folder holding it can go next; elsewhere the deletion happens when the last handle
-// closes. Wine 8 knows only the classic request, and itself unlinks by the path the entry had
-// when it was opened, after checking that the path still leads to the same file.
-DWORD DeleteByHandle(HANDLE h, bool clearReadOnly) {
-    static std::atomic<bool> exUnknown{false};
-    if (!exUnknown.load(std::memory_order_relaxed)) {
-        DispositionEx ex{kDispositionDelete | kDispositionPosix | (clearReadOnly ? kDispositionIgnoreReadOnly : 0)};
-        if (SetFileInformationByHandle(h, static_cast<FILE_INFO_BY_HANDLE_CLASS>(kFileDispositionInfoEx), &ex,
-                                       sizeof ex))
-            return ERROR_SUCCESS;
-        const DWORD error = GetLastError();
-        // An unknown class (older systems, Wine) is unknown for good; an unsupported flag is the
-        // file system's (FAT) and is asked again for the next entry.
-        if (error == ERROR_INVALID_PARAMETER || error == ERROR_INVALID_FUNCTION)
-            exUnknown.store(true, std::memory_order_relaxed);
-        else if (error != ERROR_NOT_SUPPORTED)
-            return error;
+    if (listed.tag && IsReparseTagNameSurrogate(listed.tag)) return EntryResult::NotFollowed;
+    if (!(listed.attributes & FILE_ATTRIBUTE_DIRECTORY)) {
+        error = ERROR_PATH_NOT_FOUND;
+        return EntryResult::Absent;
     }
-    FILE_DISPOSITION_INFO disposition{TRUE};
-    if (SetFileInformationByHandle(h, FileDispositionInfo, &disposition, sizeof disposition)) return ERROR_SUCCESS;
-    const DWORD error = GetLastError();
-    if (error != ERROR_ACCESS_DENIED || !clearReadOnly || !ClearReadOnly(h)) return error;
-    if (SetFileInformationByHandle(h, FileDispositionInfo, &disposition, sizeof disposition)) return ERROR_SUCCESS;
-    return GetLastError();
+    return EntryResult::Done;
 }
 
 // Windows drops trailing blanks and dots of every element of a path it is given; a name opened
@@ -191,11 +89,12 @@ size_t TrimmedLength(const wchar_t* name, size_t length) {
 }
 
 // Opens every folder of `relative` but its last name below `base`; `last` and `lastLength` then
-// hold that name, trimmed.
-EntryResult OpenParentOf(const wchar_t* base, const wchar_t* relative, FolderHandle& folder, const wchar_t*& last,
-                         size_t& lastLength, DWORD& error) {
+// hold that name, trimmed, and `path` the path of its folder.
+EntryResult OpenParentOf(const wchar_t* base, const wchar_t* relative, FolderHandle& folder, StringW& path,
+                         const wchar_t*& last, size_t& lastLength, DWORD& error, const NoteFn& note, bool& told) {
     error = folder.Open(base);
     if (error != ERROR_SUCCESS) return IsNotFound(error) ? EntryResult::Absent : EntryResult::Failed;
+    path = base;
     const wchar_t* name = relative;
     for (;;) {
         while (IsSeparator(*name)) ++name;
@@ -211,172 +110,211 @@ EntryResult OpenParentOf(const wchar_t* base, const wchar_t* relative, FolderHan
             error = ERROR_INVALID_NAME;
             return EntryResult::Failed;
         }
-        LONGLONG fileId = 0;
-        EntryResult result = FindFolderEntry(folder, name, length, fileId, error);
+        Listed listed;
+        EntryResult result = FindFolderEntry(folder, name, length, listed, error);
         if (result != EntryResult::Done) return result;
         FolderHandle child;
-        result = folder.OpenChild(name, length, fileId, child, error);
+        bool undecided = false;
+        result = folder.OpenChild(name, length, listed, child, error, undecided);
+        path = PathOf(path, name, length);
+        if (undecided && note && !told) note(Note::Undecided, path, ERROR_SUCCESS);
+        told = told || undecided;
         if (result != EntryResult::Done) return result;
         folder = std::move(child);
         name = next;
     }
 }
 
-EntryResult DeleteTree(const FolderHandle& folder, const StringW& path, const KeptEntryFn& onKept, int depth);
+EntryResult DeleteTree(Walk& walk, const FolderHandle& folder, const StringW& path, int depth);
 
-EntryResult DeleteChild(const FolderHandle& parent, const StringW& parentPath, const wchar_t* name, size_t length,
-                        bool isDirectory, LONGLONG fileId, const KeptEntryFn& onKept, int depth) {
-    auto kept = [&] {
-        if (onKept) {
-            StringW path(parentPath);
-            JoinPath(path, std::wstring(name, length).c_str());
-            onKept(path);
-        }
-        return EntryResult::NotFollowed;
-    };
-    if (isDirectory) {
-        FolderHandle child;
-        DWORD error = ERROR_SUCCESS;
-        const EntryResult opened = parent.OpenChild(name, length, fileId, child, error, true);
-        if (opened == EntryResult::Absent) return EntryResult::Done; // gone meanwhile
-        if (opened != EntryResult::Done || !child.IsOpen()) return opened == EntryResult::NotFollowed ? kept() : opened;
-        EntryResult result = EntryResult::Done;
-        if (depth >= kMaxDepth) return EntryResult::Failed;
-        if (!IsReparsePoint(child.Get())) {
-            StringW path(parentPath);
-            JoinPath(path, std::wstring(name, length).c_str());
-            result = DeleteTree(child, path, onKept, depth + 1);
-        }
-        // A link opened as itself (Windows) goes as a link, its target untouched.
-        if (DeleteByHandle(child.Get(), true) != ERROR_SUCCESS && result == EntryResult::Done)
-            result = EntryResult::Failed;
-        return result;
+EntryResult DeleteChild(Walk& walk, const FolderHandle& parent, const StringW& parentPath, const wchar_t* name,
+                        size_t length, const Listed& listed, ReadOnlyBit readOnly, int depth, bool& undecidedTold) {
+    const bool directory = (listed.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    // Write-attributes only where a read-only bit may have to be cleared: a folder's always (the
+    // recursive removal clears it), a file's only inside a tree.
+    const bool clears =
+        (directory || readOnly == ReadOnlyBit::Clear) && (listed.attributes & FILE_ATTRIBUTE_READONLY) != 0;
+    UniqueHFile entry;
+    DWORD error = OpenForDelete(parent.Get(), name, length, directory, clears, entry.Put());
+    if (IsNotFound(error) || error == ERROR_DELETE_PENDING) return EntryResult::Done; // gone, or going
+    if (error != ERROR_SUCCESS) {
+        walk.Tell(Note::EntryKept, PathOf(parentPath, name, length), error);
+        return EntryResult::Failed;
     }
-    HANDLE raw = INVALID_HANDLE_VALUE;
-    const DWORD error = nt::OpenRelative(parent.Get(), name, length, kDeleteAccess, kShareAll, nt::kFileOpen,
-                                         nt::kNonDirectoryFile | nt::kOpenReparsePoint, &raw);
-    UniqueHFile file(raw);
-    if (IsNotFound(error)) return EntryResult::Done;
-    if (error != ERROR_SUCCESS) return EntryResult::Failed;
-    // The folder itself was checked when it was entered (identity and ".."), and a name is
-    // opened within the folder the handle holds; the file's own identity is not asked again here,
-    // entry by entry, as that query alone would make a large clean several times slower.
     StringW real;
-    if (!NamesChild(file.Get(), parent.RealName(), name, length, real)) return kept();
-    return DeleteByHandle(file.Get(), true) == ERROR_SUCCESS ? EntryResult::Done : EntryResult::Failed;
+    Verdict verdict = NamedAsChild(entry.Get(), parent.RealName(), name, length, directory ? &real : nullptr);
+    // The folder itself was checked when it was entered (identity and ".."), and a file is
+    // opened within the folder the handle holds; a file's own identity is not asked again here,
+    // entry by entry, as that query alone would make a large clean several times slower.
+    bool undecided = verdict == Verdict::Undecided;
+    if (directory && verdict != Verdict::Different) {
+        for (Verdict more : {IsListedEntry(entry.Get(), listed.id), SitsIn(entry.Get(), parent.Get(), &walk.listing)}) {
+            if (more == Verdict::Different) verdict = more;
+            undecided = undecided || more == Verdict::Undecided;
+        }
+    }
+    if (verdict == Verdict::Different) {
+        walk.Tell(Note::LinkKept, PathOf(parentPath, name, length));
+        return EntryResult::NotFollowed;
+    }
+    if (undecided && !undecidedTold) {
+        undecidedTold = true;
+        walk.Tell(Note::Undecided, PathOf(parentPath, name, length));
+    }
+    if (!directory) {
+        error = DeleteByHandle(entry.Get(), readOnly, walk.answers);
+        if (error == ERROR_SUCCESS) return EntryResult::Done;
+        walk.Tell(Note::EntryKept, PathOf(parentPath, name, length), error);
+        return EntryResult::Failed;
+    }
+    bool tagKnown = false;
+    const bool link = IsLink(entry.Get(), tagKnown) || (!tagKnown && ListedAsLink(listed));
+    EntryResult result = EntryResult::Done;
+    // A link opened as itself (Windows) goes as a link, its target untouched; any other reparse
+    // point is the folder it stands for.
+    if (!link) {
+        if (depth >= kMaxDepth) {
+            walk.Tell(Note::EntryKept, PathOf(parentPath, name, length), ERROR_FILENAME_EXCED_RANGE);
+            return EntryResult::Failed;
+        }
+        FolderHandle child;
+        child.Adopt(std::move(entry), real);
+        result = DeleteTree(walk, child, PathOf(parentPath, name, length), depth + 1);
+        entry.Reset(child.Release());
+    }
+    error = DeleteFolderByHandle(entry.Get(), ReadOnlyBit::Clear, walk.answers);
+    if (error == ERROR_SUCCESS) return result;
+    // A folder that kept an entry cannot go; that entry was told about already.
+    if (result == EntryResult::Done) {
+        walk.Tell(Note::EntryKept, PathOf(parentPath, name, length), error);
+        result = EntryResult::Failed;
+    }
+    return result;
 }
 
-EntryResult DeleteTree(const FolderHandle& folder, const StringW& path, const KeptEntryFn& onKept, int depth) {
+EntryResult DeleteTree(Walk& walk, const FolderHandle& folder, const StringW& path, int depth) {
     EntryResult result = EntryResult::Done;
     auto merge = [&](EntryResult r) {
         if (r == EntryResult::Failed || (r == EntryResult::NotFollowed && result == EntryResult::Done)) result = r;
     };
-    DirectoryWalker walker(folder.Get());
+    bool undecidedTold = false;
+    DirectoryWalker walker(folder.Get(), &walk.listing);
     while (walker.Next()) {
         const std::wstring& name = walker.Name();
-        merge(
-            DeleteChild(folder, path, name.c_str(), name.size(), walker.IsDirectory(), walker.FileId(), onKept, depth));
+        merge(DeleteChild(walk, folder, path, name.c_str(), name.size(), Listed::Of(walker), ReadOnlyBit::Clear, depth,
+                          undecidedTold));
     }
-    if (walker.Error() != ERROR_SUCCESS) merge(EntryResult::Failed);
+    if (walker.Error() != ERROR_SUCCESS) {
+        walk.Tell(Note::ListingFailed, path, walker.Error());
+        merge(EntryResult::Failed);
+    }
     return result;
 }
 
 } // namespace
 
 DWORD FolderHandle::Open(const wchar_t* path) {
-    handle.Reset(CreateFileW(path, kListAccess | SYNCHRONIZE, kShareAll, nullptr, OPEN_EXISTING,
-                             FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    handle.Reset(Calls().createFile(path, kListAccess | SYNCHRONIZE, kShareAll, nullptr, OPEN_EXISTING,
+                                    FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     if (!handle) return GetLastError();
-    if (!FinalName(handle.Get(), real)) {
-        const DWORD error = GetLastError();
-        handle.Reset();
-        return error ? error : ERROR_INVALID_NAME;
-    }
+    // A volume the mount manager does not know gives no final name; the folder is still usable.
+    if (!FinalName(handle.Get(), real)) real.SetLength(0);
     return ERROR_SUCCESS;
 }
 
-EntryResult FolderHandle::OpenChild(const wchar_t* name, size_t length, LONGLONG fileId, FolderHandle& child,
-                                    DWORD& error, bool forDelete) const {
-    HANDLE raw = INVALID_HANDLE_VALUE;
-    error = nt::OpenRelative(handle.Get(), name, length, kListAccess | (forDelete ? kDeleteAccess : 0), kShareAll,
-                             nt::kFileOpen, nt::kDirectoryFile | nt::kOpenReparsePoint, &raw);
-    UniqueHFile opened(raw);
+void FolderHandle::Adopt(UniqueHFile opened, const StringW& realName) {
+    handle = std::move(opened);
+    real = realName;
+}
+
+EntryResult FolderHandle::OpenChild(const wchar_t* name, size_t length, const Listed& listed, FolderHandle& child,
+                                    DWORD& error, bool& undecided) const {
+    UniqueHFile opened;
+    error = nt::OpenRelative(handle.Get(), name, length, kListAccess, kShareAll, nt::kFileOpen,
+                             nt::kDirectoryFile | nt::kOpenReparsePoint, opened.Put());
+    if (error == ERROR_DELETE_PENDING) error = ERROR_PATH_NOT_FOUND;
     if (error != ERROR_SUCCESS) return IsNotFound(error) ? EntryResult::Absent : EntryResult::Failed;
-    if (!NamesChild(opened.Get(), real, name, length, child.real) || !IsListedEntry(opened.Get(), fileId) ||
-        !SitsIn(opened.Get(), handle.Get()))
-        return EntryResult::NotFollowed;
-    // A caller deleting the child removes a link as a link; any other caller stops at it.
-    if (!forDelete && IsReparsePoint(opened.Get())) return EntryResult::NotFollowed;
-    child.handle = std::move(opened);
+    StringW real;
+    undecided = false;
+    for (Verdict verdict : {NamedAsChild(opened.Get(), this->real, name, length, &real),
+                            IsListedEntry(opened.Get(), listed.id), SitsIn(opened.Get(), handle.Get())}) {
+        if (verdict == Verdict::Different) return EntryResult::NotFollowed;
+        undecided = undecided || verdict == Verdict::Undecided;
+    }
+    bool tagKnown = false;
+    if (IsLink(opened.Get(), tagKnown) || (!tagKnown && ListedAsLink(listed))) return EntryResult::NotFollowed;
+    child.Adopt(std::move(opened), real);
     return EntryResult::Done;
 }
 
 namespace {
-// The last element of a relative path, opened with the native call in its parent folder.
+// The folder of the last element of a relative path, and that element.
 struct LastBelow {
     FolderHandle folder;
+    StringW folderPath;
     const wchar_t* name = nullptr;
     size_t length = 0;
-    UniqueHFile file;
 };
+} // namespace
 
-// The folders on the way are reached as OpenParentOf does; Done means the native open was made
-// and `error` says how it went. With `listedId`, a name the parent's listing does not show is
-// Absent and not opened, and the identity the listing shows is given back.
-EntryResult OpenLastBelow(const wchar_t* base, const wchar_t* relative, ACCESS_MASK access, ULONG share,
-                          ULONG disposition, ULONG options, LastBelow& last, DWORD& error,
-                          LONGLONG* listedId = nullptr) {
-    const EntryResult reached = OpenParentOf(base, relative, last.folder, last.name, last.length, error);
+EntryResult DeleteFileBelow(const wchar_t* base, const wchar_t* relative, DWORD& error, const NoteFn& note) {
+    LastBelow last;
+    bool told = false;
+    const EntryResult reached =
+        OpenParentOf(base, relative, last.folder, last.folderPath, last.name, last.length, error, note, told);
     if (reached != EntryResult::Done) return reached;
-    if (listedId && !ListedId(last.folder, last.name, last.length, *listedId)) {
+    Listed listed;
+    if (!FindListed(last.folder, last.name, last.length, listed, error)) {
+        if (error != ERROR_PATH_NOT_FOUND) return EntryResult::Failed;
         error = ERROR_FILE_NOT_FOUND;
         return EntryResult::Absent;
     }
-    error = nt::OpenRelative(last.folder.Get(), last.name, last.length, access, share, disposition, options,
-                             last.file.Put());
-    return EntryResult::Done;
-}
-} // namespace
-
-EntryResult DeleteFileBelow(const wchar_t* base, const wchar_t* relative, DWORD& error) {
-    LastBelow last;
-    LONGLONG fileId = 0;
-    const EntryResult reached = OpenLastBelow(base, relative, DELETE | FILE_READ_ATTRIBUTES, kShareAll, nt::kFileOpen,
-                                              nt::kNonDirectoryFile | nt::kOpenReparsePoint, last, error, &fileId);
-    if (reached != EntryResult::Done) return reached;
-    if (error != ERROR_SUCCESS) return IsNotFound(error) ? EntryResult::Absent : EntryResult::Failed;
+    UniqueHFile file;
+    error = OpenForDelete(last.folder.Get(), last.name, last.length, false, false, file.Put());
+    if (IsNotFound(error) || error == ERROR_DELETE_PENDING) return EntryResult::Absent;
+    if (error != ERROR_SUCCESS) return EntryResult::Failed;
     // As for the entries of a tree: the file opened must be the one the folder's listing showed.
-    StringW real;
-    if (!NamesChild(last.file.Get(), last.folder.RealName(), last.name, last.length, real) ||
-        !IsListedEntry(last.file.Get(), fileId))
-        return EntryResult::NotFollowed;
-    error = DeleteByHandle(last.file.Get(), false);
+    bool undecided = false;
+    for (Verdict verdict : {NamedAsChild(file.Get(), last.folder.RealName(), last.name, last.length),
+                            IsListedEntry(file.Get(), listed.id)}) {
+        if (verdict == Verdict::Different) return EntryResult::NotFollowed;
+        undecided = undecided || verdict == Verdict::Undecided;
+    }
+    if (undecided && note && !told)
+        note(Note::Undecided, PathOf(last.folderPath, last.name, last.length), ERROR_SUCCESS);
+    VolumeAnswers answers;
+    error = DeleteByHandle(file.Get(), ReadOnlyBit::Keep, answers);
     return error == ERROR_SUCCESS ? EntryResult::Done : EntryResult::Failed;
 }
 
-EntryResult CreateFileBelow(const wchar_t* base, const wchar_t* relative, DWORD& error) {
+EntryResult CreateFileBelow(const wchar_t* base, const wchar_t* relative, DWORD& error, const NoteFn& note) {
     LastBelow last;
-    const EntryResult reached = OpenLastBelow(base, relative, GENERIC_WRITE, FILE_SHARE_READ, nt::kFileCreate,
-                                              nt::kNonDirectoryFile, last, error);
+    bool told = false;
+    const EntryResult reached =
+        OpenParentOf(base, relative, last.folder, last.folderPath, last.name, last.length, error, note, told);
     if (reached != EntryResult::Done) return reached;
+    UniqueHFile file;
+    error = nt::CreateRelative(last.folder.Get(), last.name, last.length, GENERIC_WRITE, FILE_SHARE_READ, file.Put());
     // CreateFileW's answer for a name that exists, which the native call words differently.
     if (error == ERROR_ALREADY_EXISTS) error = ERROR_FILE_EXISTS;
     return error == ERROR_SUCCESS ? EntryResult::Done : EntryResult::Failed;
 }
 
 EntryResult DeleteEntry(const FolderHandle& parent, const StringW& parentPath, const wchar_t* name, size_t length,
-                        bool isDirectory, LONGLONG fileId, const KeptEntryFn& onKept) {
-    return DeleteChild(parent, parentPath, name, length, isDirectory, fileId, onKept, 0);
+                        const Listed& listed, ReadOnlyBit topReadOnly, const NoteFn& note) {
+    Walk walk{note, VolumeAnswers(), ListingClass::IdExtd};
+    bool undecidedTold = false;
+    return DeleteChild(walk, parent, parentPath, name, length, listed, topReadOnly, 0, undecidedTold);
 }
 
 EntryResult DeleteFolderNamed(const FolderHandle& parent, const StringW& parentPath, const wchar_t* name, size_t length,
-                              const KeptEntryFn& onKept) {
-    LONGLONG fileId = 0;
+                              const NoteFn& note) {
+    Listed listed;
     DWORD error = ERROR_SUCCESS;
-    const EntryResult found = FindFolderEntry(parent, name, length, fileId, error);
-    // A link is still deleted as one where the platform can (the identity check then decides).
-    if (found != EntryResult::Done && found != EntryResult::NotFollowed) return found;
-    return DeleteChild(parent, parentPath, name, length, true, fileId, onKept, 0);
+    if (!FindListed(parent, name, length, listed, error))
+        return error == ERROR_PATH_NOT_FOUND ? EntryResult::Absent : EntryResult::Failed;
+    if (!(listed.attributes & FILE_ATTRIBUTE_DIRECTORY)) return EntryResult::Failed;
+    return DeleteEntry(parent, parentPath, name, length, listed, ReadOnlyBit::Clear, note);
 }
 
 } // namespace file

@@ -1,5 +1,6 @@
 #include "support/Log.h"
 
+#include "support/FileCalls.h"
 #include "support/ProcessExit.h"
 #include "support/SpinGuard.h"
 
@@ -42,7 +43,10 @@ HMODULE LoadFromOwnFolder() {
     if (slash == nullptr) return nullptr;
     size_t room = kPathCapacity - static_cast<size_t>(slash - path.get());
     if (wcscpy_s(slash, room, L"\\log.dll") != 0) return nullptr;
-    return LoadLibraryW(path.get());
+    // Its own imports are looked for beside it and in the system folder only, never in the
+    // current folder or along PATH.
+    return qv::file::Calls().loadLibraryEx(path.get(), nullptr,
+                                           LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
 }
 
 // Registered once and deliberately empty: log.dll stays loaded at process exit, because other

@@ -1,5 +1,7 @@
 #include "support/NtFile.h"
 
+#include "support/FileCalls.h"
+
 #include <winternl.h>
 
 namespace qv {
@@ -13,22 +15,30 @@ using NtCreateFileFn = NTSTATUS(NTAPI*)(PHANDLE, ACCESS_MASK, POBJECT_ATTRIBUTES
 using RtlNtStatusToDosErrorFn = ULONG(NTAPI*)(NTSTATUS);
 
 struct Native {
-    NtCreateFileFn createFile = nullptr;
-    RtlNtStatusToDosErrorFn toDosError = nullptr;
-
-    Native() {
-        // ntdll is mapped into every process before any other module; it is never unloaded.
-        HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-        if (!ntdll) return;
-        createFile = reinterpret_cast<NtCreateFileFn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "NtCreateFile")));
-        toDosError = reinterpret_cast<RtlNtStatusToDosErrorFn>(
-            reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlNtStatusToDosError")));
-    }
+    NtCreateFileFn createFile;
+    RtlNtStatusToDosErrorFn toDosError;
 };
 
-const Native& Resolved() {
-    static const Native native;
-    return native;
+// Resolved once through the system's one-time initialisation: no allocation and no C++ runtime
+// guard on the way, so a process short of memory gets an error code here, never an exception.
+INIT_ONCE g_once = INIT_ONCE_STATIC_INIT;
+Native g_native; // written once, inside the one-time call
+
+BOOL CALLBACK ResolveNative(PINIT_ONCE, PVOID, PVOID*) {
+    // ntdll is mapped into every process before any other module; it is never unloaded.
+    HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    if (!ntdll) return TRUE; // the entries stay null and every open answers ERROR_PROC_NOT_FOUND
+    g_native.createFile =
+        reinterpret_cast<NtCreateFileFn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "NtCreateFile")));
+    g_native.toDosError = reinterpret_cast<RtlNtStatusToDosErrorFn>(
+        reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlNtStatusToDosError")));
+    return TRUE;
+}
+
+// Null when the one-time call itself failed.
+const Native* Resolved() {
+    if (!InitOnceExecuteOnce(&g_once, &ResolveNative, nullptr, nullptr)) return nullptr;
+    return &g_native;
 }
 
 constexpr ULONG kSynchronousIo = 0x20; // FILE_SYNCHRONOUS_IO_NONALERT
@@ -36,11 +46,23 @@ constexpr size_t kMaxNameBytes = 0xFFFE;
 
 } // namespace
 
-DWORD OpenRelative(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK access, ULONG share, ULONG disposition,
-                   ULONG options, HANDLE* out) {
+LONG NTAPI SystemNtCreateFile(HANDLE* out, ACCESS_MASK access, void* attributes, void* io, LARGE_INTEGER* size,
+                              ULONG fileAttributes, ULONG share, ULONG disposition, ULONG options, void* ea,
+                              ULONG eaLength) {
+    const Native* native = Resolved();
+    if (!native || !native->createFile) return static_cast<LONG>(0xC000007A); // STATUS_PROCEDURE_NOT_FOUND
+    return native->createFile(out, access, static_cast<POBJECT_ATTRIBUTES>(attributes),
+                              static_cast<PIO_STATUS_BLOCK>(io), size, fileAttributes, share, disposition, options, ea,
+                              eaLength);
+}
+
+namespace {
+
+DWORD Open(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK access, ULONG share, ULONG disposition,
+           ULONG options, ULONG objectFlags, HANDLE* out) {
     *out = INVALID_HANDLE_VALUE;
-    const Native& native = Resolved();
-    if (!native.createFile || !native.toDosError) return ERROR_PROC_NOT_FOUND;
+    const Native* native = Resolved();
+    if (!native || !native->toDosError) return ERROR_PROC_NOT_FOUND;
     // An empty name would open the root itself; a separator would walk below it by path.
     if (!root || length == 0 || length * sizeof(wchar_t) > kMaxNameBytes) return ERROR_INVALID_NAME;
     for (size_t i = 0; i < length; ++i)
@@ -49,15 +71,36 @@ DWORD OpenRelative(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK 
     text.Buffer = const_cast<PWSTR>(name);
     text.Length = text.MaximumLength = static_cast<USHORT>(length * sizeof(wchar_t));
     OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, root, nullptr);
+    InitializeObjectAttributes(&attributes, &text, kObjCaseInsensitive | objectFlags, root, nullptr);
     IO_STATUS_BLOCK io{};
     HANDLE handle = nullptr;
     const NTSTATUS status =
-        native.createFile(&handle, access | SYNCHRONIZE, &attributes, &io, nullptr, FILE_ATTRIBUTE_NORMAL, share,
-                          disposition, options | kSynchronousIo, nullptr, 0);
-    if (status < 0) return native.toDosError(status);
+        Calls().ntCreateFile(&handle, access | SYNCHRONIZE, &attributes, &io, nullptr, FILE_ATTRIBUTE_NORMAL, share,
+                             disposition, options | kSynchronousIo, nullptr, 0);
+    // Mapped to "access denied" by the usual conversion, which would hide that the entry is
+    // already on its way out.
+    if (status == static_cast<NTSTATUS>(0xC0000056)) return ERROR_DELETE_PENDING; // STATUS_DELETE_PENDING
+    if (status < 0) return native->toDosError(status);
     *out = handle;
     return ERROR_SUCCESS;
+}
+
+} // namespace
+
+DWORD OpenRelative(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK access, ULONG share, ULONG disposition,
+                   ULONG options, HANDLE* out) {
+    return Open(root, name, length, access, share, disposition, options, 0, out);
+}
+
+DWORD CreateRelative(HANDLE root, const wchar_t* name, size_t length, ACCESS_MASK access, ULONG share, HANDLE* out) {
+    const ULONG options = kNonDirectoryFile | kOpenReparsePoint;
+    // OBJ_DONT_REPARSE (Windows 10 1607 and later) refuses any reparse point met while the name
+    // is parsed; older systems refuse the flag itself as an invalid parameter, and are then asked
+    // without it: FILE_CREATE with FILE_OPEN_REPARSE_POINT alone still never creates through a
+    // dangling link in the final name.
+    const DWORD error = Open(root, name, length, access, share, kFileCreate, options, kObjDontReparse, out);
+    if (error != ERROR_INVALID_PARAMETER) return error;
+    return Open(root, name, length, access, share, kFileCreate, options, 0, out);
 }
 
 } // namespace nt

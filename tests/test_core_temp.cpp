@@ -34,10 +34,16 @@ protected:
             WriteBytes(parent + file, "x");
         SetFileAttributesW((parent + L"\\ro.tmp").c_str(), FILE_ATTRIBUTE_READONLY);
         SetFileAttributesW((parent + L"\\old\\deeper\\ro.tmp").c_str(), FILE_ATTRIBUTE_READONLY);
+        SetFileAttributesW((parent + L"\\old").c_str(), FILE_ATTRIBUTE_READONLY); // a folder's bit is cleared
     }
+    // A read-only file beside the folder stays, as DeleteFileW leaves it (with its "Deleting" line
+    // and a warning); one inside a sibling's tree goes with the tree.
     void ExpectCleaned(bool coreKept) {
-        for (const wchar_t* name : {L"a.tmp", L"ro.tmp", L"old", L"scansp.old"})
+        for (const wchar_t* name : {L"a.tmp", L"old", L"scansp.old"})
             EXPECT_FALSE(Exists(parent + L"\\" + name)) << Narrow(name);
+        EXPECT_EQ("x", ReadBytes(parent + L"\\ro.tmp"));
+        EXPECT_TRUE(LineWith(L"Deleting [" + parent + L"\\ro.tmp]", 16));
+        EXPECT_TRUE(LineWith(L"Entry kept [path = " + parent + L"\\ro.tmp] [error = 5]", 8));
         EXPECT_EQ(coreKept ? "job" : "<missing>", ReadBytes(core + L"\\work\\job.bin"));
         EXPECT_EQ(coreKept, Exists(core));
     }

@@ -2,7 +2,9 @@
 
 namespace testing_support {
 
-PluginUnderTest::PluginUnderTest() {
+PluginUnderTest::PluginUnderTest() : PluginUnderTest(ExeFolder() + L"\\AntivirusScan.AL") {}
+
+PluginUnderTest::PluginUnderTest(const std::wstring& libraryPath) : library(libraryPath) {
     if (!library.Loaded()) return;
     library.Create(qv::kxsdk::ids::kPrimaryFaceId, &primary);
     void* face = nullptr;

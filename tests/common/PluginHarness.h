@@ -31,6 +31,8 @@ struct PluginUnderTest {
     void* scan = nullptr; // IAntivirusScan face
 
     PluginUnderTest();
+    // The same with the plug-in built at `libraryPath` (the seam build, tests/seam/).
+    explicit PluginUnderTest(const std::wstring& libraryPath);
     ~PluginUnderTest();
     DWORD Init() { return CallSlot<DWORD>(primary, kInit, static_cast<IQvHost*>(&env.host)); }
     DWORD InitWith(IQvHost* host) { return CallSlot<DWORD>(primary, kInit, host); }
