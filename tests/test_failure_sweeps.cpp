@@ -510,8 +510,8 @@ void SweepChild() {
     const ImportFaults::Kind kind = files ? ImportFaults::Kind::File : ImportFaults::Kind::Allocation;
     const int errors = files ? 3 : 1;
     const std::vector<Operation> ops = Operations();
-    // Warm-up: whatever the process allocates once, on first use, is allocated before any
-    // heap walk (a first exception on this thread among it).
+    // Warm-up: what the first run of each operation allocates once and keeps is allocated before
+    // the sweep's heap walks; what a first failure allocates once, RunCheckedPoint tells apart.
     snprintf(g_point, sizeof g_point, "warm-up");
     for (const Operation& op : ops) RunCheckedPoint(site, op, kind, 0, 0);
     long points = 0;
@@ -626,7 +626,12 @@ TEST(FailureSweep, EveryAllocationOfEveryOperationFailedInTurn) {
 // allocation that only their first run makes is failed in a fresh process.
 TEST(FailureSweep, AllocationsOfAFirstRunFailedInAFreshProcess) {
     SweepOutcome outcome;
-    for (int o = 1; o <= 9; ++o) {
+    const std::vector<Operation> ops = Operations();
+    for (int o = 0; o < static_cast<int>(ops.size()); ++o) {
+        const std::string name = ops[o].name;
+        if (name.rfind("Init", 0) != 0 && name.rfind("DelayedStart", 0) != 0 &&
+            name.rfind("OnComponentInstalled", 0) != 0)
+            continue;
         SweepOutcome found;
         std::string from = std::to_string(o) + " 0 0";
         ASSERT_TRUE(RunChildFrom("cold", from, found)) << "discovery for operation " << o;
