@@ -35,14 +35,26 @@ RegistryReference::RegistryReference() : registry_(ObjectRegistry::AddRef()) {
     if (!registry_) throw std::bad_alloc();
 }
 
-IObjectConstructor* ObjectRegistry::Find(const wchar_t* name) const {
+IObjectConstructor* ObjectRegistry::Find(const wchar_t* name) const noexcept {
     if (!name) return nullptr;
-    auto it = constructors_.find(name);
+    auto it = constructors_.find(std::wstring_view(name));
     return it == constructors_.end() ? nullptr : it->second;
 }
 
-void ObjectRegistry::Insert(const wchar_t* name, IObjectConstructor* constructor) { constructors_[name] = constructor; }
+bool ObjectRegistry::Insert(const wchar_t* name, IObjectConstructor* constructor) noexcept {
+    if (!name) return false;
+    try {
+        constructors_.insert_or_assign(std::wstring(name), constructor);
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
 
-void ObjectRegistry::Remove(const wchar_t* name) { constructors_.erase(name); }
+void ObjectRegistry::Remove(const wchar_t* name) noexcept {
+    if (!name) return;
+    auto it = constructors_.find(std::wstring_view(name));
+    if (it != constructors_.end()) constructors_.erase(it);
+}
 
 } // namespace qv

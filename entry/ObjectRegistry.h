@@ -4,6 +4,7 @@
 #include "support/CriticalSection.h"
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace qv {
 
@@ -23,16 +24,19 @@ public:
 
     // The map and every call into a constructor are serialised under this lock.
     [[nodiscard]] CriticalSection::Guard Lock() noexcept { return lock_.Lock(); }
-    // Call with the registry locked.
-    IObjectConstructor* Find(const wchar_t* name) const;
-    void Insert(const wchar_t* name, IObjectConstructor* constructor);
-    void Remove(const wchar_t* name);
+    // Call with the registry locked. Find and Remove allocate nothing: a destroy and the undo
+    // of a failed create must give their reference back even when memory has run out.
+    IObjectConstructor* Find(const wchar_t* name) const noexcept;
+    // False when the name could not be stored.
+    bool Insert(const wchar_t* name, IObjectConstructor* constructor) noexcept;
+    void Remove(const wchar_t* name) noexcept;
 
 private:
     ObjectRegistry() = default;
     ~ObjectRegistry() = default;
 
-    std::map<std::wstring, IObjectConstructor*> constructors_;
+    // Looked up by view (std::less<>), so that a lookup builds no key.
+    std::map<std::wstring, IObjectConstructor*, std::less<>> constructors_;
     CriticalSection lock_;
 };
 

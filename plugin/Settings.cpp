@@ -4,6 +4,7 @@
 #include "support/QvValue.h"
 
 #include <json/json.h>
+#include <utility>
 
 namespace qv {
 
@@ -40,17 +41,30 @@ bool AntivirusScanAL::LoadSettings(AntivirusScanSettings& out) {
     return true;
 }
 
-bool AntivirusScanAL::SaveSettings(const AntivirusScanSettings& in) {
-    SettingsSection section(settingsPlugin);
-    if (!section) return false;
-    if (!section->SetBool(L"enableBackup", in.enableBackup)) return false;
+namespace {
+// {"enabled": value}, built through the typed value. False when it could not be built.
+bool HashChainDocument(bool enabled, Json::Value& out) {
     try {
         Value hashChain;
-        if (!hashChain.Entry(L"enabled").SetBool(in.hashChain.enabled)) return false;
-        if (!section->SetValue(L"reportHashChain", hashChain.ToJson())) return false;
+        if (!hashChain.Entry(L"enabled").SetBool(enabled)) return false;
+        out = hashChain.ToJson();
+        return true;
     } catch (const ValueException&) {
         return false;
     }
+}
+} // namespace
+
+// Everything that may run out of memory is built before the first write: a save that cannot be
+// built leaves the store as it was, so store and record still agree. A store that refuses a set
+// keeps the keys already written, and the later ones are not tried.
+bool AntivirusScanAL::SaveSettings(const AntivirusScanSettings& in) {
+    Json::Value hashChain;
+    if (!HashChainDocument(in.hashChain.enabled, hashChain)) return false;
+    SettingsSection section(settingsPlugin);
+    if (!section) return false;
+    if (!section->SetBool(L"enableBackup", in.enableBackup)) return false;
+    if (!section->SetValue(L"reportHashChain", hashChain)) return false;
     return section->SetBool(L"reportSignatureInfo", in.reportSignatureInfo);
 }
 
@@ -67,7 +81,8 @@ bool AntivirusScanAL::InitSettings() {
     }
     QV_LOG(LOG_SEV_INFO, L"[backup = %d]", loaded.enableBackup ? 1 : 0);
     auto lock = stateLock.Lock();
-    settings = loaded;
+    // Moved, not copied: a copy of the folder could run out of memory half-way through the record.
+    settings = std::move(loaded);
     return true;
 }
 

@@ -19,16 +19,14 @@ template <class T> class SynchronyzedObjectContainer<T*> : public CSyncRWLock {
 public:
     SynchronyzedObjectContainer() = default;
 
-    // 0 when added, 87 for a null sink, 1627 when it is already registered (or no memory).
+    // 0 when added, 87 for a null sink, 1627 when it is already registered. std::bad_alloc when
+    // the array cannot grow, with the lock given back and the array as it was: the slot answers
+    // it as out of memory.
     uint32_t Register(T* sink) {
         if (sink == nullptr) return ERROR_INVALID_PARAMETER;
         WriteLockScope scope(*this);
         if (IndexOf(sink) != kAbsent) return ERROR_FUNCTION_FAILED;
-        try {
-            sinks_.push_back(sink);
-        } catch (const std::bad_alloc&) {
-            return ERROR_FUNCTION_FAILED;
-        }
+        sinks_.push_back(sink);
         return ERROR_SUCCESS;
     }
 

@@ -241,6 +241,8 @@ void StringW::FormatV(const wchar_t* format, va_list args) {
     CheckValid();
 }
 
+// For callers of the SDK. The plug-in itself parses by hand: MinGW's vswscanf ends the process when
+// its own buffer cannot be allocated.
 int StringW::Scan(const wchar_t* format, ...) const {
     va_list args;
     va_start(args, format);
