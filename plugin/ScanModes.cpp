@@ -82,17 +82,20 @@ bool AntivirusScanAL::InitScanType() {
     if (!servConfigPlugin.IsHeld()) return false;
     StringW text = ConfigText(kxsdk::config::kScanTypeCategory, L"BASE");
     QV_LOG(LOG_SEV_INFO, L"ScanType = %s", text.c_str());
-    auto lock = stateLock.Lock();
+    uint32_t type;
     if (text.EqualsNoCase(L"full")) {
-        scanType = Full;
+        type = Full;
     } else if (text.EqualsNoCase(L"light")) {
-        scanType = Light;
+        type = Light;
     } else if (text.EqualsNoCase(L"remote")) {
-        scanType = RemoteOnly;
+        type = RemoteOnly;
     } else {
         QV_LOG(LOG_SEV_ERROR, L"Invalid scan type [config = %s]", text.c_str());
         return false;
     }
+    // Only the store is made under the lock: log.dll is never called while holding it.
+    auto lock = stateLock.Lock();
+    scanType = type;
     return true;
 }
 
