@@ -119,6 +119,7 @@ private:
     void BeginBackupCall();
     bool EndBackupCall();
     bool PushBackupStatus(bool& status, bool& again);
+    bool ApplyCountedBackupCall(bool status);
     void RepeatBackupPush(bool again) noexcept;
 
     // Core temp folder and crash handler

@@ -41,14 +41,7 @@ DWORD AntivirusScanAL::EnableBackup(bool status) {
             QV_LOG(LOG_SEV_ERROR, L"save failed");
             return early;
         }
-        bool applied;
-        try {
-            applied = ApplyBackupStatus(status);
-        } catch (...) {
-            auto lock = stateLock.Lock();
-            --backupCalls;
-            throw;
-        }
+        const bool applied = ApplyCountedBackupCall(status);
         if (!applied) QV_LOG(LOG_SEV_ERROR, L"apply failed");
         bool again;
         {
@@ -241,18 +234,22 @@ bool AntivirusScanAL::PushBackupStatus(bool& status, bool& again) {
         status = settings.enableBackup;
         BeginBackupCall();
     }
-    bool applied;
+    const bool applied = ApplyCountedBackupCall(status);
+    auto lock = stateLock.Lock();
+    again = EndBackupCall();
+    return applied;
+}
+
+// The provider call of a counted backup call. A call that throws is no longer in flight; an
+// overlap seen so far stays marked for the next call to end.
+bool AntivirusScanAL::ApplyCountedBackupCall(bool status) {
     try {
-        applied = ApplyBackupStatus(status);
+        return ApplyBackupStatus(status);
     } catch (...) {
-        // An overlap seen so far stays marked for the next call to end.
         auto lock = stateLock.Lock();
         --backupCalls;
         throw;
     }
-    auto lock = stateLock.Lock();
-    again = EndBackupCall();
-    return applied;
 }
 
 void AntivirusScanAL::RepeatBackupPush(bool again) noexcept {
