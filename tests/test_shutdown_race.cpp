@@ -282,22 +282,4 @@ TEST(ShutdownRace, CallsAndNotificationsInFlightAcrossStopAndUnInit) {
     EXPECT_GE(cycles, 2 * kCyclesPerPhase);
 }
 
-// Single-threaded, the order of lookups in Init and of hand-backs in UnInit is the documented one.
-TEST(ShutdownRace, InitLooksUpAndUnInitHandsBackInTheirOrder) {
-    PluginUnderTest plugin;
-    ASSERT_NE(plugin.primary, nullptr);
-    ASSERT_EQ(plugin.Init(), 0u);
-    plugin.StopAll();
-    using Entry = host::ComponentManager::JournalEntry;
-    const std::vector<Entry> expected = {
-        {Entry::Get, ids::kServConfigName},     {Entry::Get, ids::kUpdateName},
-        {Entry::Get, ids::kSettingsName},       {Entry::Get, ids::kScanSpName},
-        {Entry::Get, ids::kRemoteScanName},     {Entry::Get, ids::kCtcName},
-        {Entry::Release, ids::kCtcName},        {Entry::Release, ids::kRemoteScanName},
-        {Entry::Release, ids::kServConfigName}, {Entry::Release, ids::kSettingsName},
-        {Entry::Release, ids::kUpdateName},     {Entry::Release, ids::kScanSpName},
-    };
-    EXPECT_TRUE(plugin.env.manager.Journal() == expected);
-}
-
 } // namespace
