@@ -1,10 +1,9 @@
 // Every call the plug-in makes into a sibling plug-in, failed in turn in a fresh plug-in: the
 // documented code and log line, no crash, no lock held, everything handed back, and a settings
 // file in which every key holds its old value or the new one. Then file-system faults.
-#include "tests/common/EventRecorder.h"
 #include "tests/common/FaultInjection.h"
+#include "tests/common/Installation.h"
 #include "tests/common/LogAndFileChecks.h"
-#include "tests/common/ThreadProbe.h"
 
 #include <gtest/gtest.h>
 
@@ -19,44 +18,19 @@ using namespace testing_support;
 using namespace testing_support::slots;
 namespace ids = qv::kxsdk::ids;
 
-const wchar_t* const kAllPlugins[] = {ids::kServConfigName, ids::kSettingsName, ids::kUpdateName,
-                                      ids::kRemoteScanName, ids::kCtcName,      ids::kScanSpName,
-                                      ids::kTelemetryName};
-
-// The folders and files of one installation, under a fresh temporary folder.
-struct Installation {
-    std::wstring root, coreTemp, engines, common, settingsFile, patterns;
-
-    Installation() {
-        root = TempFolder(L"faults");
-        coreTemp = root + L"\\temp\\scansp";
-        engines = root + L"\\engines";
-        common = root + L"\\common";
-        settingsFile = root + L"\\settings.json";
-        patterns = root + L"\\sigs\\*";
-        for (const std::wstring& dir : {root + L"\\temp", coreTemp, engines, engines + L"\\Plugins", common,
-                                        common + L"\\installer", root + L"\\sigs", root + L"\\sigs\\v1"})
-            CreateDirectoryW(dir.c_str(), nullptr);
-        WriteBytes(root + L"\\temp\\old.tmp", "stale");
-        WriteBytes(common + L"\\installer\\wslib.db", "cache");
-        WriteBytes(common + L"\\installer\\wslib.m", "cache");
-        WriteBytes(engines + L"\\Plugins\\update.txt", "kit\nsignatures 1000\nx\nversion 9.9.9\n");
+// Replaces the placeholders {engines}, {core}, {common}, {root} and {exe} in a log text.
+std::wstring Expand(const Installation& site, std::wstring text) {
+    const std::pair<const wchar_t*, std::wstring> tokens[] = {{L"{engines}", site.engines},
+                                                              {L"{core}", site.coreTemp},
+                                                              {L"{common}", site.common},
+                                                              {L"{root}", site.root},
+                                                              {L"{exe}", ExeFolder()}};
+    for (const auto& token : tokens) {
+        for (size_t at; (at = text.find(token.first)) != std::wstring::npos;)
+            text.replace(at, wcslen(token.first), token.second);
     }
-    ~Installation() { RemoveFolder(root); }
-    // Replaces the placeholders {engines}, {core}, {common}, {root} and {exe} in a log text.
-    std::wstring Expand(std::wstring text) const {
-        const std::pair<const wchar_t*, std::wstring> tokens[] = {{L"{engines}", engines},
-                                                                  {L"{core}", coreTemp},
-                                                                  {L"{common}", common},
-                                                                  {L"{root}", root},
-                                                                  {L"{exe}", ExeFolder()}};
-        for (const auto& token : tokens) {
-            for (size_t at; (at = text.find(token.first)) != std::wstring::npos;)
-                text.replace(at, wcslen(token.first), token.second);
-        }
-        return text;
-    }
-};
+    return text;
+}
 
 enum class Mode { Normal, Recovery };
 
@@ -64,19 +38,11 @@ enum class Mode { Normal, Recovery };
 struct Rig {
     explicit Rig(Mode mode) : mode(mode) {
         plugin.env.settings.UseFile(site.settingsFile);
-        auto& config = plugin.env.servConfig;
-        config.SetText(51, L"BASE", L"full");
-        config.SetText(17, L"scansp", site.coreTemp.c_str());
-        config.SetText(2, L"scansp", site.engines.c_str());
-        config.SetText(0, L"signaturesPatterns", site.patterns.c_str());
-        config.SetText(0, L"common", site.common.c_str());
-        plugin.env.remoteScan.SetStatus(true);
-        plugin.env.remoteScan.SetFallbackMode(2);
-        plugin.env.update.SetStatistic(L"Antivirus", L"1.2.3", 42);
+        site.Configure(plugin.env);
         if (mode == Mode::Recovery) plugin.env.manager.SetMissing(ids::kScanSpName);
     }
     Mode mode;
-    Installation site;
+    Installation site{L"faults"};
     PluginUnderTest plugin;
     FaultyHost faults{plugin.env};
 };
@@ -421,37 +387,19 @@ bool SwitchValue(void* scan, const std::string& step) {
                                        : SignatureInfoOf(scan);
 }
 
-// Every query and every sink container answers from another thread within the time: nothing
-// was left locked by the failed step.
+// Nothing was left locked by the failed step.
 void ExpectNothingLocked(void* scan) {
-    auto sink = std::make_shared<EventRecorder>();
-    auto answers = std::make_shared<std::vector<DWORD>>();
-    qvtest::TestThread probe([scan, sink, answers] {
-        ScanType type;
-        bool b;
-        HashChainSettings hc;
-        answers->push_back(GetScanType(scan, &type));
-        answers->push_back(IsBackupEnabled(scan, &b));
-        answers->push_back(GetHashChainSettings(scan, &hc));
-        answers->push_back(IsSignatureInfoReported(scan, &b));
-        answers->push_back(GetFeatureStatus(scan, qv::StringW(L"Probe"), &b));
-        answers->push_back(RegisterSettings(scan, sink.get()));
-        answers->push_back(RegisterEngines(scan, sink.get()));
-        answers->push_back(RegisterScan(scan, sink.get()));
-        answers->push_back(UnregisterSettings(scan, sink.get()));
-        answers->push_back(UnregisterEngines(scan, sink.get()));
-        answers->push_back(UnregisterScan(scan, sink.get()));
-    });
-    if (!probe.Finished(qvtest::kProceedMs)) {
+    std::string wrong;
+    if (!AnswersFromAnotherThread(scan, wrong)) {
         fprintf(stderr, "FATAL: the plug-in stayed locked after a failed call\n");
         fflush(stderr);
         TerminateProcess(GetCurrentProcess(), 3);
     }
-    for (DWORD answer : *answers) EXPECT_EQ(0u, answer);
+    EXPECT_EQ("", wrong);
 }
 
 void ExpectEverythingGivenBack(Rig& rig) {
-    for (const wchar_t* name : kAllPlugins)
+    for (const wchar_t* name : kSiblingNames)
         EXPECT_EQ(0, rig.plugin.env.manager.Outstanding(name)) << "still held: " << Narrow(name);
     EXPECT_TRUE(rig.plugin.env.manager.Balanced());
     EXPECT_EQ(0, rig.plugin.env.settings.Outstanding()) << "settings sections not released";
@@ -511,7 +459,7 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
             refusal == Refusal::Missing ? call.outcome : ForRefusal(call.outcome, refusal, call.site);
         EXPECT_EQ(outcome.code == kAsUsual ? golden.results[stepIndex] : outcome.code, result);
         for (const auto& line : outcome.lines) {
-            const std::wstring text = rig.site.Expand(line.first);
+            const std::wstring text = Expand(rig.site, line.first);
             EXPECT_TRUE(LineWith(text, line.second)) << "missing line: " << Narrow(text) << " (" << line.second << ")";
         }
         EXPECT_FALSE(LineStartingWith(L"unexpected exception"));
@@ -672,8 +620,8 @@ TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
 
             EXPECT_EQ(step.code, result);
             for (const std::wstring& line : step.lines)
-                EXPECT_TRUE(avhost::Contains(rig.site.Expand(line)))
-                    << "missing line: " << Narrow(rig.site.Expand(line));
+                EXPECT_TRUE(avhost::Contains(Expand(rig.site, line)))
+                    << "missing line: " << Narrow(Expand(rig.site, line));
             EXPECT_EQ(before, ReadBytes(file)) << "the file changed although it could not be written";
             EXPECT_EQ(old, ReadSwitches(rig.plugin.scan)) << "a switch changed although it could not be saved";
             if (step.key) {
@@ -698,7 +646,7 @@ TEST(FileFaults, SettingsFileLockedAtInitOnlyLosesTheFolderBookkeeping) {
     ASSERT_NE(INVALID_HANDLE_VALUE, held);
     EXPECT_EQ(0u, rig.plugin.Init());
     CloseHandle(held);
-    EXPECT_TRUE(LineWith(rig.site.Expand(L"Cannot save reload info [oldPath = ] [newPath = {engines}]"), 8));
+    EXPECT_TRUE(LineWith(Expand(rig.site, L"Cannot save reload info [oldPath = ] [newPath = {engines}]"), 8));
     Json::Value document;
     ASSERT_TRUE(ReadSettingsFile(rig.site.settingsFile, document));
     EXPECT_TRUE(ModuleSection(document).isNull());
