@@ -293,10 +293,8 @@ void FollowUp(Rig& rig) {
     CHECK(UnregisterSettings(rig.scan, &sink) == 0, "a settings sink cannot be removed");
     CHECK(rig.Call(kStop) == 0, "Stop failed");
     CHECK(rig.UnInit() == 0, "UnInit failed");
-    for (const wchar_t* name : kSiblingNames) CHECK(rig.env.manager.Outstanding(name) == 0, "%ls still held", name);
-    CHECK(rig.env.manager.Balanced(), "a plug-in was handed back more often than got");
-    CHECK(rig.env.settings.Outstanding() == 0, "settings sections not released");
-    CHECK(rig.env.scanSp.OutstandingInterfaces() == 0, "crash-handler interfaces not released");
+    const std::string held = StillHeld(rig.env);
+    CHECK(held.empty(), "%s", held.c_str());
     const int deinits = avhost::Counters().deinitCalls;
     rig.Destroy();
     CHECK(avhost::Counters().deinitCalls == deinits + 1, "the object outlived its last destroy");

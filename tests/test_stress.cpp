@@ -316,9 +316,7 @@ TEST(Stress, CallersEventsAndReloadsTogetherLoseNothingAndLeakNothing) {
     EXPECT_EQ(backup ? 1 : 0, lastBackup);
 
     plugin.StopAll();
-    EXPECT_TRUE(plugin.env.manager.Balanced()) << "plug-in gets and releases do not balance";
-    EXPECT_EQ(0, plugin.env.settings.Outstanding()) << "settings sections not released";
-    EXPECT_EQ(0, plugin.env.scanSp.OutstandingInterfaces());
+    EXPECT_EQ("", StillHeld(plugin.env));
     printf("load held: %ld interface calls, %ld remote-scan events, %ld installations (%d reloads), %ld sink calls, "
            "%ld backup rollbacks\n",
            calls.load(), fires.load(), deliveries.load(), reloads.count.load(), sinkCalls.load(), rollbacks.load());

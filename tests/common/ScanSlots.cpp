@@ -60,6 +60,15 @@ std::string EveryOperation(void* scan, NullSinks& sinks, bool on, Container busy
     return wrong;
 }
 
+std::string StillHeld(host::HostEnvironment& env) {
+    for (const wchar_t* name : kSiblingNames)
+        if (env.manager.Outstanding(name) != 0) return "still held: " + std::string(name, name + wcslen(name));
+    if (!env.manager.Balanced()) return "plug-in gets and releases do not balance";
+    if (env.settings.Outstanding() != 0) return "settings sections not released";
+    if (env.scanSp.OutstandingInterfaces() != 0) return "crash-handler interfaces not released";
+    return "";
+}
+
 bool AnswersFromAnotherThread(void* scan, std::string& wrong) {
     // Shared with the thread, which is abandoned when it is stuck.
     auto sinks = std::make_shared<NullSinks>();

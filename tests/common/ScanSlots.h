@@ -98,6 +98,10 @@ enum Container { kEnginesSinks, kScanSinks, kSettingsSinks, kNoSinks };
 // a switch may find no store (1013) and a container may have been emptied (1627).
 std::string EveryOperation(void* scan, NullSinks& sinks, bool on, Container busy = kNoSinks, bool shuttingDown = false);
 
+// "" when every sibling plug-in got was handed back exactly once and every settings section and
+// crash-handler interface released; otherwise what is still held.
+std::string StillHeld(host::HostEnvironment& env);
+
 // Every query and sink container once from another thread, changing nothing: false when that
 // thread is not through within qvtest::kProceedMs (the object was left locked); `wrong` names the
 // first answer that was not 0.
