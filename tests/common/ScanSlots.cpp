@@ -69,6 +69,19 @@ std::string StillHeld(host::HostEnvironment& env) {
     return "";
 }
 
+std::string SwitchesDisagree(void* scan, const Json::Value& section, const host::ScanSpPlugin& provider) {
+    const bool backup = BackupOf(scan);
+    if (section["enableBackup"] != Json::Value(backup)) return "backup: answer and store disagree";
+    if (section["reportHashChain"]["enabled"] != Json::Value(HashChainOf(scan)))
+        return "hash chain: answer and store disagree";
+    if (section["reportSignatureInfo"] != Json::Value(SignatureInfoOf(scan)))
+        return "signature info: answer and store disagree";
+    int last = -1;
+    for (const auto& option : provider.Options())
+        if (option.option == 9 && option.result == 0) last = static_cast<int>(option.value);
+    return last == (backup ? 1 : 0) ? "" : "the provider runs with another backup value";
+}
+
 bool AnswersFromAnotherThread(void* scan, std::string& wrong) {
     // Shared with the thread, which is abandoned when it is stuck.
     auto sinks = std::make_shared<NullSinks>();

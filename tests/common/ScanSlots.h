@@ -102,6 +102,10 @@ std::string EveryOperation(void* scan, NullSinks& sinks, bool on, Container busy
 // crash-handler interface released; otherwise what is still held.
 std::string StillHeld(host::HostEnvironment& env);
 
+// "" when the three switches as answered are the values `section` of the store holds for them and
+// the last backup option the provider accepted carries the backup value answered; else what not.
+std::string SwitchesDisagree(void* scan, const Json::Value& section, const host::ScanSpPlugin& provider);
+
 // Every query and sink container once from another thread, changing nothing: false when that
 // thread is not through within qvtest::kProceedMs (the object was left locked); `wrong` names the
 // first answer that was not 0.
