@@ -242,26 +242,11 @@ bool RunUpTo(Rig& rig, Stage stage) {
     return true;
 }
 
-bool StoredSwitch(const Json::Value& section, const char* key) {
-    const Json::Value& value = section[key];
-    if (value.isObject()) return value["enabled"].isBool() && value["enabled"].asBool();
-    return value.isBool() && value.asBool();
-}
-
 // The switches as answered equal the store, and the provider runs with the backup value answered.
 void CheckSwitchesAgree(Rig& rig) {
-    Json::Value section = rig.env.settings.Section(L"/AntivirusScan");
-    if (!section.isObject()) section = Json::Value(Json::objectValue);
-    CHECK(BackupOf(rig.scan) == StoredSwitch(section, "enableBackup"), "backup: answer and store disagree");
-    CHECK(HashChainOf(rig.scan) == StoredSwitch(section, "reportHashChain"), "hash chain: answer and store disagree");
-    CHECK(SignatureInfoOf(rig.scan) == StoredSwitch(section, "reportSignatureInfo"),
-          "signature info: answer and store disagree");
-    const auto options = rig.env.scanSp.Options();
-    for (auto it = options.rbegin(); it != options.rend(); ++it) {
-        if (it->option != 9 || it->result != 0) continue;
-        CHECK((it->value != 0) == BackupOf(rig.scan), "the provider runs with another backup value");
-        break;
-    }
+    const std::string disagree =
+        SwitchesDisagree(rig.scan, rig.env.settings.Section(L"/AntivirusScan"), rig.env.scanSp, true);
+    CHECK(disagree.empty(), "%s", disagree.c_str());
 }
 
 // Nothing was left locked.

@@ -69,16 +69,23 @@ std::string StillHeld(host::HostEnvironment& env) {
     return "";
 }
 
-std::string SwitchesDisagree(void* scan, const Json::Value& section, const host::ScanSpPlugin& provider) {
+std::string SwitchesDisagree(void* scan, const Json::Value& section, const host::ScanSpPlugin& provider,
+                             bool absentIsOff) {
     const bool backup = BackupOf(scan);
-    if (section["enableBackup"] != Json::Value(backup)) return "backup: answer and store disagree";
-    if (section["reportHashChain"]["enabled"] != Json::Value(HashChainOf(scan)))
-        return "hash chain: answer and store disagree";
-    if (section["reportSignatureInfo"] != Json::Value(SignatureInfoOf(scan)))
-        return "signature info: answer and store disagree";
+    const Json::Value hashChain = section["reportHashChain"];
+    const std::pair<const char*, Json::Value> stored[] = {
+        {"backup", section["enableBackup"]},
+        {"hash chain", hashChain.isObject() || !absentIsOff ? hashChain["enabled"] : hashChain},
+        {"signature info", section["reportSignatureInfo"]}};
+    const bool answered[] = {backup, HashChainOf(scan), SignatureInfoOf(scan)};
+    for (int i = 0; i < 3; ++i) {
+        const Json::Value value = stored[i].second.isNull() && absentIsOff ? Json::Value(false) : stored[i].second;
+        if (value != Json::Value(answered[i])) return std::string(stored[i].first) + ": answer and store disagree";
+    }
     int last = -1;
     for (const auto& option : provider.Options())
         if (option.option == 9 && option.result == 0) last = static_cast<int>(option.value);
+    if (last == -1 && absentIsOff) return "";
     return last == (backup ? 1 : 0) ? "" : "the provider runs with another backup value";
 }
 

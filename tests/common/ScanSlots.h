@@ -104,7 +104,10 @@ std::string StillHeld(host::HostEnvironment& env);
 
 // "" when the three switches as answered are the values `section` of the store holds for them and
 // the last backup option the provider accepted carries the backup value answered; else what not.
-std::string SwitchesDisagree(void* scan, const Json::Value& section, const host::ScanSpPlugin& provider);
+// `absentIsOff`: a switch the store does not hold counts as off, and a provider that accepted no
+// backup option yet agrees.
+std::string SwitchesDisagree(void* scan, const Json::Value& section, const host::ScanSpPlugin& provider,
+                             bool absentIsOff = false);
 
 // Every query and sink container once from another thread, changing nothing: false when that
 // thread is not through within qvtest::kProceedMs (the object was left locked); `wrong` names the
