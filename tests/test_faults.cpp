@@ -305,9 +305,7 @@ const Table& Documented(Mode mode) {
     return t;
 }
 
-struct Golden {
-    std::vector<DWORD> results;
-};
+using Golden = std::vector<DWORD>; // each step's result without a fault
 
 // The scenario without a fault: every step makes exactly its documented calls, in order.
 Golden RunGolden(Mode mode) {
@@ -316,7 +314,7 @@ Golden RunGolden(Mode mode) {
     const Table& table = Documented(mode);
     for (const Step& step : Scenario()) {
         rig.faults.plan.Arm();
-        golden.results.push_back(step.run(rig));
+        golden.push_back(step.run(rig));
         rig.faults.plan.Disarm();
         std::vector<std::string> documented;
         auto it = table.find(step.name);
@@ -439,7 +437,7 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
 
     Rig rig(mode);
     rig.faults.refusal = refusal;
-    for (size_t i = 0; i < stepIndex; ++i) ASSERT_EQ(golden.results[i], steps[i].run(rig)) << steps[i].name;
+    for (size_t i = 0; i < stepIndex; ++i) ASSERT_EQ(golden[i], steps[i].run(rig)) << steps[i].name;
     bool valid = false;
     const Json::Value before = FileSection(rig.site, &valid);
     const bool oldValue = step.key && step.newValue.isBool() ? SwitchValue(rig.plugin.scan, step.name) : false;
@@ -453,7 +451,7 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
     if (how == Failure::Error) {
         const Outcome outcome =
             refusal == Refusal::Missing ? call.outcome : ForRefusal(call.outcome, refusal, call.site);
-        EXPECT_EQ(outcome.code == kAsUsual ? golden.results[stepIndex] : outcome.code, result);
+        EXPECT_EQ(outcome.code == kAsUsual ? golden[stepIndex] : outcome.code, result);
         for (const auto& line : outcome.lines) {
             const std::wstring text = Expand(rig.site, line.first);
             EXPECT_TRUE(LineWith(text, line.second)) << "missing line: " << Narrow(text) << " (" << line.second << ")";
@@ -464,7 +462,7 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
         // the fence's code or goes on as it would have, and the fence's line is written either way.
         const bool memory = how == Failure::OutOfMemory;
         const DWORD fenced = memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNAL_ERROR;
-        EXPECT_TRUE(result == fenced || result == golden.results[stepIndex]) << "result " << result;
+        EXPECT_TRUE(result == fenced || result == golden[stepIndex]) << "result " << result;
         EXPECT_TRUE(memory ? CountLines(L"out of memory", 4) > 0
                            : CountFramed(L"unexpected exception [what = injected by " +
                                              std::wstring(call.site.begin(), call.site.end()),
