@@ -7,9 +7,9 @@
 #include "tests/common/ChildProcess.h"
 #include "tests/common/EventRecorder.h"
 #include "tests/common/ImportFaults.h"
+#include "tests/common/Installation.h"
 #include "tests/common/LogAndFileChecks.h"
 #include "tests/common/ScanSlots.h"
-#include "tests/common/ThreadProbe.h"
 
 #include <gtest/gtest.h>
 
@@ -31,9 +31,6 @@ using namespace testing_support;
 using namespace testing_support::slots;
 namespace ids = qv::kxsdk::ids;
 
-const wchar_t* const kAllPlugins[] = {ids::kServConfigName, ids::kSettingsName, ids::kUpdateName,
-                                      ids::kRemoteScanName, ids::kCtcName,      ids::kScanSpName,
-                                      ids::kTelemetryName};
 const DWORD kFileErrors[] = {ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION, ERROR_DISK_FULL};
 constexpr DWORD kOutOfMemory = ERROR_NOT_ENOUGH_MEMORY;
 
@@ -69,18 +66,8 @@ void Report(const char* format, ...) {
 // ---- The installation every point runs in: one folder per child, put back before each point.
 enum class Mode { Normal, Recovery, RemoteOnly };
 
-struct Site {
-    std::wstring root, engines, common, coreTemp;
-    Site() : root(TempFolder(L"sweep")) {
-        engines = root + L"\\engines";
-        common = root + L"\\common";
-        coreTemp = root + L"\\temp\\scansp";
-        for (const std::wstring& dir : {root + L"\\temp", coreTemp, engines, engines + L"\\Plugins", common,
-                                        common + L"\\installer", root + L"\\sigs", root + L"\\sigs\\v1"})
-            CreateDirectoryW(dir.c_str(), nullptr);
-        WriteBytes(engines + L"\\Plugins\\update.txt", "kit\nsignatures 1000\nx\nversion 9.9.9\n");
-    }
-    ~Site() { RemoveFolder(root); }
+struct Site : Installation {
+    Site() : Installation(L"sweep") {}
     // Every file a point may delete is there again, every file it may create is gone.
     void Reset() const {
         for (const wchar_t* name : {L"\\qvcore.dll", L"\\scanclient.dll", L"\\smartdbv2.dat", L"\\Plugins\\lhdb.cvd",
@@ -104,16 +91,7 @@ const wchar_t* const kName = ids::kAntivirusScanObjectName;
 // One host with one plug-in object, settings in memory.
 struct Rig {
     Rig(Mode mode, const Site& site) : mode(mode), site(site) {
-        auto& config = env.servConfig;
-        config.SetText(51, L"BASE", mode == Mode::RemoteOnly ? L"remote" : L"full");
-        config.SetText(17, L"scansp", site.coreTemp.c_str());
-        config.SetText(2, L"scansp", site.engines.c_str());
-        config.SetText(0, L"signaturesPatterns", (site.root + L"\\sigs\\*").c_str());
-        config.SetText(0, L"common", site.common.c_str());
-        env.remoteScan.SetStatus(true);
-        // A remote-only installation has no local engines to fall back on.
-        env.remoteScan.SetFallbackMode(mode == Mode::RemoteOnly ? 0 : 2);
-        env.update.SetStatistic(L"Antivirus", L"1.2.3", 42);
+        site.Configure(env, mode == Mode::RemoteOnly ? L"remote" : L"full");
         if (mode == Mode::Recovery) env.manager.SetMissing(ids::kScanSpName);
     }
     // Both faces, one reference counted, as the host holds them.
@@ -264,55 +242,21 @@ bool RunUpTo(Rig& rig, Stage stage) {
     return true;
 }
 
-bool StoredSwitch(const Json::Value& section, const char* key) {
-    const Json::Value& value = section[key];
-    if (value.isObject()) return value["enabled"].isBool() && value["enabled"].asBool();
-    return value.isBool() && value.asBool();
-}
-
 // The switches as answered equal the store, and the provider runs with the backup value answered.
 void CheckSwitchesAgree(Rig& rig) {
-    Json::Value section = rig.env.settings.Section(L"/AntivirusScan");
-    if (!section.isObject()) section = Json::Value(Json::objectValue);
-    CHECK(BackupOf(rig.scan) == StoredSwitch(section, "enableBackup"), "backup: answer and store disagree");
-    CHECK(HashChainOf(rig.scan) == StoredSwitch(section, "reportHashChain"), "hash chain: answer and store disagree");
-    CHECK(SignatureInfoOf(rig.scan) == StoredSwitch(section, "reportSignatureInfo"),
-          "signature info: answer and store disagree");
-    const auto options = rig.env.scanSp.Options();
-    for (auto it = options.rbegin(); it != options.rend(); ++it) {
-        if (it->option != 9 || it->result != 0) continue;
-        CHECK((it->value != 0) == BackupOf(rig.scan), "the provider runs with another backup value");
-        break;
-    }
+    const std::string disagree =
+        SwitchesDisagree(rig.scan, rig.env.settings.Section(L"/AntivirusScan"), rig.env.scanSp, true);
+    CHECK(disagree.empty(), "%s", disagree.c_str());
 }
 
-// Queries and sink containers answer from another thread at once: nothing was left locked.
+// Nothing was left locked.
 void CheckNothingLocked(Rig& rig) {
-    void* scan = rig.scan;
-    auto sink = std::make_shared<EventRecorder>();
-    auto answers = std::make_shared<std::vector<DWORD>>();
-    qvtest::TestThread probe([scan, sink, answers] {
-        ScanType type;
-        bool b;
-        HashChainSettings hc;
-        *answers = {GetScanType(scan, &type),
-                    IsBackupEnabled(scan, &b),
-                    GetHashChainSettings(scan, &hc),
-                    IsSignatureInfoReported(scan, &b),
-                    GetFeatureStatus(scan, qv::StringW(L"Probe"), &b),
-                    RegisterSettings(scan, sink.get()),
-                    RegisterEngines(scan, sink.get()),
-                    RegisterScan(scan, sink.get()),
-                    UnregisterSettings(scan, sink.get()),
-                    UnregisterEngines(scan, sink.get()),
-                    UnregisterScan(scan, sink.get())};
-    });
-    if (!probe.Finished(qvtest::kProceedMs)) {
+    std::string wrong;
+    if (!AnswersFromAnotherThread(rig.scan, wrong)) {
         Report("H %s a call from another thread did not complete", g_point);
         TerminateProcess(GetCurrentProcess(), 4);
     }
-    for (size_t i = 0; i < answers->size(); ++i)
-        CHECK((*answers)[i] == 0, "probe call %zu answered %lu", i, (*answers)[i]);
+    CHECK(wrong.empty(), "%s", wrong.c_str());
 }
 
 // After the failed operation: agreement, no lock held, sinks still register and hear a change,
@@ -334,10 +278,8 @@ void FollowUp(Rig& rig) {
     CHECK(UnregisterSettings(rig.scan, &sink) == 0, "a settings sink cannot be removed");
     CHECK(rig.Call(kStop) == 0, "Stop failed");
     CHECK(rig.UnInit() == 0, "UnInit failed");
-    for (const wchar_t* name : kAllPlugins) CHECK(rig.env.manager.Outstanding(name) == 0, "%ls still held", name);
-    CHECK(rig.env.manager.Balanced(), "a plug-in was handed back more often than got");
-    CHECK(rig.env.settings.Outstanding() == 0, "settings sections not released");
-    CHECK(rig.env.scanSp.OutstandingInterfaces() == 0, "crash-handler interfaces not released");
+    const std::string held = StillHeld(rig.env);
+    CHECK(held.empty(), "%s", held.c_str());
     const int deinits = avhost::Counters().deinitCalls;
     rig.Destroy();
     CHECK(avhost::Counters().deinitCalls == deinits + 1, "the object outlived its last destroy");

@@ -1,10 +1,9 @@
 // Every call the plug-in makes into a sibling plug-in, failed in turn in a fresh plug-in: the
 // documented code and log line, no crash, no lock held, everything handed back, and a settings
 // file in which every key holds its old value or the new one. Then file-system faults.
-#include "tests/common/EventRecorder.h"
 #include "tests/common/FaultInjection.h"
+#include "tests/common/Installation.h"
 #include "tests/common/LogAndFileChecks.h"
-#include "tests/common/ThreadProbe.h"
 
 #include <gtest/gtest.h>
 
@@ -19,44 +18,19 @@ using namespace testing_support;
 using namespace testing_support::slots;
 namespace ids = qv::kxsdk::ids;
 
-const wchar_t* const kAllPlugins[] = {ids::kServConfigName, ids::kSettingsName, ids::kUpdateName,
-                                      ids::kRemoteScanName, ids::kCtcName,      ids::kScanSpName,
-                                      ids::kTelemetryName};
-
-// The folders and files of one installation, under a fresh temporary folder.
-struct Installation {
-    std::wstring root, coreTemp, engines, common, settingsFile, patterns;
-
-    Installation() {
-        root = TempFolder(L"faults");
-        coreTemp = root + L"\\temp\\scansp";
-        engines = root + L"\\engines";
-        common = root + L"\\common";
-        settingsFile = root + L"\\settings.json";
-        patterns = root + L"\\sigs\\*";
-        for (const std::wstring& dir : {root + L"\\temp", coreTemp, engines, engines + L"\\Plugins", common,
-                                        common + L"\\installer", root + L"\\sigs", root + L"\\sigs\\v1"})
-            CreateDirectoryW(dir.c_str(), nullptr);
-        WriteBytes(root + L"\\temp\\old.tmp", "stale");
-        WriteBytes(common + L"\\installer\\wslib.db", "cache");
-        WriteBytes(common + L"\\installer\\wslib.m", "cache");
-        WriteBytes(engines + L"\\Plugins\\update.txt", "kit\nsignatures 1000\nx\nversion 9.9.9\n");
+// Replaces the placeholders {engines}, {core}, {common}, {root} and {exe} in a log text.
+std::wstring Expand(const Installation& site, std::wstring text) {
+    const std::pair<const wchar_t*, std::wstring> tokens[] = {{L"{engines}", site.engines},
+                                                              {L"{core}", site.coreTemp},
+                                                              {L"{common}", site.common},
+                                                              {L"{root}", site.root},
+                                                              {L"{exe}", ExeFolder()}};
+    for (const auto& token : tokens) {
+        for (size_t at; (at = text.find(token.first)) != std::wstring::npos;)
+            text.replace(at, wcslen(token.first), token.second);
     }
-    ~Installation() { RemoveFolder(root); }
-    // Replaces the placeholders {engines}, {core}, {common}, {root} and {exe} in a log text.
-    std::wstring Expand(std::wstring text) const {
-        const std::pair<const wchar_t*, std::wstring> tokens[] = {{L"{engines}", engines},
-                                                                  {L"{core}", coreTemp},
-                                                                  {L"{common}", common},
-                                                                  {L"{root}", root},
-                                                                  {L"{exe}", ExeFolder()}};
-        for (const auto& token : tokens) {
-            for (size_t at; (at = text.find(token.first)) != std::wstring::npos;)
-                text.replace(at, wcslen(token.first), token.second);
-        }
-        return text;
-    }
-};
+    return text;
+}
 
 enum class Mode { Normal, Recovery };
 
@@ -64,19 +38,11 @@ enum class Mode { Normal, Recovery };
 struct Rig {
     explicit Rig(Mode mode) : mode(mode) {
         plugin.env.settings.UseFile(site.settingsFile);
-        auto& config = plugin.env.servConfig;
-        config.SetText(51, L"BASE", L"full");
-        config.SetText(17, L"scansp", site.coreTemp.c_str());
-        config.SetText(2, L"scansp", site.engines.c_str());
-        config.SetText(0, L"signaturesPatterns", site.patterns.c_str());
-        config.SetText(0, L"common", site.common.c_str());
-        plugin.env.remoteScan.SetStatus(true);
-        plugin.env.remoteScan.SetFallbackMode(2);
-        plugin.env.update.SetStatistic(L"Antivirus", L"1.2.3", 42);
+        site.Configure(plugin.env);
         if (mode == Mode::Recovery) plugin.env.manager.SetMissing(ids::kScanSpName);
     }
     Mode mode;
-    Installation site;
+    Installation site{L"faults"};
     PluginUnderTest plugin;
     FaultyHost faults{plugin.env};
 };
@@ -339,9 +305,7 @@ const Table& Documented(Mode mode) {
     return t;
 }
 
-struct Golden {
-    std::vector<DWORD> results;
-};
+using Golden = std::vector<DWORD>; // each step's result without a fault
 
 // The scenario without a fault: every step makes exactly its documented calls, in order.
 Golden RunGolden(Mode mode) {
@@ -350,7 +314,7 @@ Golden RunGolden(Mode mode) {
     const Table& table = Documented(mode);
     for (const Step& step : Scenario()) {
         rig.faults.plan.Arm();
-        golden.results.push_back(step.run(rig));
+        golden.push_back(step.run(rig));
         rig.faults.plan.Disarm();
         std::vector<std::string> documented;
         auto it = table.find(step.name);
@@ -421,41 +385,19 @@ bool SwitchValue(void* scan, const std::string& step) {
                                        : SignatureInfoOf(scan);
 }
 
-// Every query and every sink container answers from another thread within the time: nothing
-// was left locked by the failed step.
+// Nothing was left locked by the failed step.
 void ExpectNothingLocked(void* scan) {
-    auto sink = std::make_shared<EventRecorder>();
-    auto answers = std::make_shared<std::vector<DWORD>>();
-    qvtest::TestThread probe([scan, sink, answers] {
-        ScanType type;
-        bool b;
-        HashChainSettings hc;
-        answers->push_back(GetScanType(scan, &type));
-        answers->push_back(IsBackupEnabled(scan, &b));
-        answers->push_back(GetHashChainSettings(scan, &hc));
-        answers->push_back(IsSignatureInfoReported(scan, &b));
-        answers->push_back(GetFeatureStatus(scan, qv::StringW(L"Probe"), &b));
-        answers->push_back(RegisterSettings(scan, sink.get()));
-        answers->push_back(RegisterEngines(scan, sink.get()));
-        answers->push_back(RegisterScan(scan, sink.get()));
-        answers->push_back(UnregisterSettings(scan, sink.get()));
-        answers->push_back(UnregisterEngines(scan, sink.get()));
-        answers->push_back(UnregisterScan(scan, sink.get()));
-    });
-    if (!probe.Finished(qvtest::kProceedMs)) {
+    std::string wrong;
+    if (!AnswersFromAnotherThread(scan, wrong)) {
         fprintf(stderr, "FATAL: the plug-in stayed locked after a failed call\n");
         fflush(stderr);
         TerminateProcess(GetCurrentProcess(), 3);
     }
-    for (DWORD answer : *answers) EXPECT_EQ(0u, answer);
+    EXPECT_EQ("", wrong);
 }
 
 void ExpectEverythingGivenBack(Rig& rig) {
-    for (const wchar_t* name : kAllPlugins)
-        EXPECT_EQ(0, rig.plugin.env.manager.Outstanding(name)) << "still held: " << Narrow(name);
-    EXPECT_TRUE(rig.plugin.env.manager.Balanced());
-    EXPECT_EQ(0, rig.plugin.env.settings.Outstanding()) << "settings sections not released";
-    EXPECT_EQ(0, rig.plugin.env.scanSp.OutstandingInterfaces());
+    EXPECT_EQ("", StillHeld(rig.plugin.env));
     EXPECT_EQ(0, rig.faults.OutstandingCrashHandlers());
 }
 
@@ -495,7 +437,7 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
 
     Rig rig(mode);
     rig.faults.refusal = refusal;
-    for (size_t i = 0; i < stepIndex; ++i) ASSERT_EQ(golden.results[i], steps[i].run(rig)) << steps[i].name;
+    for (size_t i = 0; i < stepIndex; ++i) ASSERT_EQ(golden[i], steps[i].run(rig)) << steps[i].name;
     bool valid = false;
     const Json::Value before = FileSection(rig.site, &valid);
     const bool oldValue = step.key && step.newValue.isBool() ? SwitchValue(rig.plugin.scan, step.name) : false;
@@ -509,9 +451,9 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
     if (how == Failure::Error) {
         const Outcome outcome =
             refusal == Refusal::Missing ? call.outcome : ForRefusal(call.outcome, refusal, call.site);
-        EXPECT_EQ(outcome.code == kAsUsual ? golden.results[stepIndex] : outcome.code, result);
+        EXPECT_EQ(outcome.code == kAsUsual ? golden[stepIndex] : outcome.code, result);
         for (const auto& line : outcome.lines) {
-            const std::wstring text = rig.site.Expand(line.first);
+            const std::wstring text = Expand(rig.site, line.first);
             EXPECT_TRUE(LineWith(text, line.second)) << "missing line: " << Narrow(text) << " (" << line.second << ")";
         }
         EXPECT_FALSE(LineStartingWith(L"unexpected exception"));
@@ -520,7 +462,7 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
         // the fence's code or goes on as it would have, and the fence's line is written either way.
         const bool memory = how == Failure::OutOfMemory;
         const DWORD fenced = memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INTERNAL_ERROR;
-        EXPECT_TRUE(result == fenced || result == golden.results[stepIndex]) << "result " << result;
+        EXPECT_TRUE(result == fenced || result == golden[stepIndex]) << "result " << result;
         EXPECT_TRUE(memory ? CountLines(L"out of memory", 4) > 0
                            : CountFramed(L"unexpected exception [what = injected by " +
                                              std::wstring(call.site.begin(), call.site.end()),
@@ -528,6 +470,8 @@ void RunFault(Mode mode, size_t stepIndex, const Call& call, int occurrence, Ref
             << "no line from the fence";
     }
     if (stepIndex + 2 < steps.size() && rig.plugin.primary) ExpectNothingLocked(rig.plugin.scan);
+    // A failed Init undoes itself: nothing is left for UnInit to hand back.
+    if (std::string(step.name) == "Init" && result != 0) ExpectEverythingGivenBack(rig);
 
     const Json::Value after = FileSection(rig.site, &valid);
     EXPECT_TRUE(valid) << "the settings file is no longer one JSON object";
@@ -612,47 +556,22 @@ TEST(SiblingFaults, EveryCallThrowingInTurnIsFenced) {
 // during each write: the documented code and line, the file unchanged, the record unchanged; once
 // writable again the same change goes through.
 TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
-    struct BlockedStep {
-        const char* name;
-        std::function<DWORD(Rig&)> run;
-        DWORD code;
-        std::vector<std::wstring> lines; // severity 4 for 1013, else 8 or 32 as written
-        const char* key;
-    };
-    const std::vector<BlockedStep> steps = {
-        {"EnableBackup",
-         [](Rig& r) { return EnableBackup(r.plugin.scan, true); },
-         1013,
-         {L"save failed"},
-         "enableBackup"},
-        {"ReportHashChain",
-         [](Rig& r) { return ReportHashChain(r.plugin.scan, true); },
-         1013,
-         {L"save failed"},
-         "reportHashChain"},
-        {"ReportSignatureInfo",
-         [](Rig& r) { return ReportSignatureInfo(r.plugin.scan, true); },
-         1013,
-         {L"save failed"},
-         "reportSignatureInfo"},
-        {"SetFeatureStatus",
-         [](Rig& r) { return SetFeatureStatus(r.plugin.scan, qv::StringW(L"Scan"), false); },
-         0,
-         {L"[name = Scan] [isLocked = 0]"},
-         nullptr},
+    // The scenario's steps that write the file, and the lines each writes when it cannot; the
+    // switches answer 1013, the others go on.
+    const std::map<std::string, std::vector<std::wstring>> blocked = {
+        {"EnableBackup", {L"save failed"}},
+        {"ReportHashChain", {L"save failed"}},
+        {"ReportSignatureInfo", {L"save failed"}},
+        {"SetFeatureStatus", {L"[name = Quarantine] [isLocked = 0]"}},
         {"OnComponentInstalled",
-         [](Rig& r) {
-             return r.plugin.env.update.DeliverComponentInstalled(L"U", L"Antivirus", r.site.engines.c_str());
-         },
-         0,
          {L"Cannot save reload info [lastOk = {engines}]",
-          L"Cannot save reload info [oldPath = {engines}] [newPath = {engines}]"},
-         nullptr},
-    };
+          L"Cannot save reload info [oldPath = {engines}] [newPath = {engines}]"}}};
     const DWORD shares[] = {MAXDWORD /* read-only attribute */, 0, FILE_SHARE_READ};
     int points = 0;
     for (DWORD share : shares) {
-        for (const BlockedStep& step : steps) {
+        for (const Step& step : Scenario()) {
+            if (!blocked.count(step.name)) continue;
+            const bool isSwitch = step.key && std::string(step.name) != "SetFeatureStatus";
             SCOPED_TRACE(std::string(step.name) + " with block " + std::to_string(share));
             Rig rig(Mode::Normal);
             ASSERT_TRUE(rig.plugin.StartAll());
@@ -670,13 +589,13 @@ TEST(FileFaults, SettingsFileThatCannotBeReplacedFailsEachWriteCleanly) {
             if (held != INVALID_HANDLE_VALUE) CloseHandle(held);
             SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
 
-            EXPECT_EQ(step.code, result);
-            for (const std::wstring& line : step.lines)
-                EXPECT_TRUE(avhost::Contains(rig.site.Expand(line)))
-                    << "missing line: " << Narrow(rig.site.Expand(line));
+            EXPECT_EQ(isSwitch ? 1013u : 0u, result);
+            for (const std::wstring& line : blocked.at(step.name))
+                EXPECT_TRUE(avhost::Contains(Expand(rig.site, line)))
+                    << "missing line: " << Narrow(Expand(rig.site, line));
             EXPECT_EQ(before, ReadBytes(file)) << "the file changed although it could not be written";
             EXPECT_EQ(old, ReadSwitches(rig.plugin.scan)) << "a switch changed although it could not be saved";
-            if (step.key) {
+            if (isSwitch) {
                 EXPECT_EQ(0u, step.run(rig));
                 Json::Value document;
                 ASSERT_TRUE(ReadSettingsFile(file, document));
@@ -698,7 +617,7 @@ TEST(FileFaults, SettingsFileLockedAtInitOnlyLosesTheFolderBookkeeping) {
     ASSERT_NE(INVALID_HANDLE_VALUE, held);
     EXPECT_EQ(0u, rig.plugin.Init());
     CloseHandle(held);
-    EXPECT_TRUE(LineWith(rig.site.Expand(L"Cannot save reload info [oldPath = ] [newPath = {engines}]"), 8));
+    EXPECT_TRUE(LineWith(Expand(rig.site, L"Cannot save reload info [oldPath = ] [newPath = {engines}]"), 8));
     Json::Value document;
     ASSERT_TRUE(ReadSettingsFile(rig.site.settingsFile, document));
     EXPECT_TRUE(ModuleSection(document).isNull());

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -22,71 +21,9 @@ using namespace testing_support;
 using namespace testing_support::slots;
 namespace ids = qv::kxsdk::ids;
 
-constexpr DWORD kRecovery = 0x8004D082;
 constexpr DWORD kWatchdogMs = 20000; // a bound on a hang, never a pause
 constexpr DWORD kExitCode = 41;
 constexpr const wchar_t* kEngines = L"C:\\engines\\new";
-
-enum Container { kEnginesSinks, kScanSinks, kSettingsSinks, kNoSinks };
-
-struct NullSinks : IAntivirusScan::IEnginesEvents, IAntivirusScan::IScanEvents, IAntivirusScan::ISettingsEvents {
-    int OnReloadStarted(const qv::StringW&) override { return Reach("reload started"); }
-    int OnReloadEnded(const qv::StringW&, int) override { return Reach("reload ended"); }
-    int OnScanModesChanged(ScanMode, ScanMode) override { return Reach("scan modes"); }
-    int OnBackupStatusChanged(bool) override { return Reach("backup"); }
-    int OnFeatureStatusChanged(const qv::StringW&, bool) override { return Reach("feature"); }
-    int OnHashChainSettingsChanged(const HashChainSettings&) override { return Reach("hash chain"); }
-    int OnSignatureInfoReportingChanged(bool) override { return Reach("signature info"); }
-
-    // The event whose first notification runs `hold`; set before the plug-in is made to fire it.
-    const char* heldEvent = nullptr;
-    std::function<void()> hold;
-
-private:
-    int Reach(const char* event) {
-        if (heldEvent && strcmp(event, heldEvent) == 0 && !taken_.exchange(true)) hold();
-        return 0;
-    }
-    std::atomic<bool> taken_{false};
-};
-
-// Every IAntivirusScan slot once, on the calling thread; the first answer outside its slot's
-// documented codes is returned. The registrations of `busy` are left out: they wait, as they
-// must, for the notification of that container in progress.
-std::string EveryOperation(void* scan, Container busy) {
-    std::string wrong;
-    auto expect = [&](const char* what, DWORD result, std::initializer_list<DWORD> allowed) {
-        for (DWORD code : allowed)
-            if (result == code) return;
-        if (wrong.empty()) wrong = std::string(what) + " answered " + std::to_string(result);
-    };
-    NullSinks sinks;
-    if (busy != kEnginesSinks) expect("RegisterEngines", RegisterEngines(scan, &sinks), {0});
-    if (busy != kScanSinks) expect("RegisterScan", RegisterScan(scan, &sinks), {0});
-    if (busy != kSettingsSinks) expect("RegisterSettings", RegisterSettings(scan, &sinks), {0});
-    ScanType type;
-    expect("GetScanType", GetScanType(scan, &type), {0});
-    ScanMode primary, fallback;
-    expect("GetScanModes", GetScanModes(scan, &primary, &fallback), {0, kRecovery});
-    for (bool on : {true, false}) expect("EnableBackup", EnableBackup(scan, on), {0, ERROR_INTERNAL_ERROR});
-    bool flag;
-    expect("IsBackupEnabled", IsBackupEnabled(scan, &flag), {0});
-    qv::StringW version;
-    expect("GetEnginesVersion", GetEnginesVersion(scan, &version), {0, kRecovery});
-    uint64_t count;
-    expect("GetSignaturesCount", GetSignaturesCount(scan, &count), {0, kRecovery});
-    expect("SetFeatureStatus", SetFeatureStatus(scan, qv::StringW(L"Quarantine"), false), {0});
-    expect("GetFeatureStatus", GetFeatureStatus(scan, qv::StringW(L"Firewall"), &flag), {0});
-    expect("ReportHashChain", ReportHashChain(scan, true), {0});
-    HashChainSettings chain;
-    expect("GetHashChainSettings", GetHashChainSettings(scan, &chain), {0});
-    expect("ReportSignatureInfo", ReportSignatureInfo(scan, true), {0});
-    expect("IsSignatureInfoReported", IsSignatureInfoReported(scan, &flag), {0});
-    if (busy != kEnginesSinks) expect("UnregisterEngines", UnregisterEngines(scan, &sinks), {0});
-    if (busy != kScanSinks) expect("UnregisterScan", UnregisterScan(scan, &sinks), {0});
-    if (busy != kSettingsSinks) expect("UnregisterSettings", UnregisterSettings(scan, &sinks), {0});
-    return wrong;
-}
 
 // Runs on the thread the plug-in sent out: every operation from another thread (then `then`,
 // what the host does next), and the held thread goes on only once that thread is through.
@@ -99,7 +36,8 @@ public:
         qvtest::Signal through;
         // Abandoned rather than waited for when it is stuck: the test has failed already.
         auto* other = new qvtest::TestThread([this, &through] {
-            wrong_ = EveryOperation(scan_, busy_);
+            NullSinks sinks;
+            wrong_ = EveryOperation(scan_, sinks, true, busy_);
             if (then_) then_();
             through.Set();
         });
@@ -228,22 +166,14 @@ TEST(NoHang, EveryCallOutHeldWhileEveryOperationIsMade) {
 
         if (!c.recovery) {
             // Whatever the interleaving, the store, the answers and the provider agree.
-            const bool backup = BackupOf(rig.plugin.scan);
-            const Json::Value section = env.settings.Section(L"/AntivirusScan");
-            EXPECT_EQ(Json::Value(backup), section["enableBackup"]);
-            EXPECT_EQ(Json::Value(HashChainOf(rig.plugin.scan)), section["reportHashChain"]["enabled"]);
-            EXPECT_EQ(Json::Value(SignatureInfoOf(rig.plugin.scan)), section["reportSignatureInfo"]);
-            int last = -1;
-            for (const auto& option : env.scanSp.Options())
-                if (option.option == 9 && option.result == 0) last = static_cast<int>(option.value);
-            EXPECT_EQ(backup ? 1 : 0, last);
+            EXPECT_EQ("", SwitchesDisagree(rig.plugin.scan, env.settings.Section(L"/AntivirusScan"), env.scanSp));
         }
         if (!c.stopMeanwhile) {
             rig.Unregister();
             rig.plugin.StopAll();
         }
         // Every get handed back once, nothing called after its hand-back.
-        EXPECT_TRUE(env.manager.Balanced());
+        EXPECT_EQ("", StillHeld(env));
         EXPECT_EQ(0, env.scanSp.served.CallsAfterRelease());
         EXPECT_EQ(0, env.update.served.CallsAfterRelease());
     }

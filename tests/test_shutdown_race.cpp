@@ -14,7 +14,6 @@
 #include <condition_variable>
 #include <mutex>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -22,87 +21,25 @@ namespace {
 
 using namespace testing_support;
 using namespace testing_support::slots;
-using qv::kxsdk::AntivirusScan::IAntivirusScan;
-using qv::kxsdk::AntivirusScan::ScanMode;
-using qv::kxsdk::AntivirusScan::ScanType;
 namespace ids = qv::kxsdk::ids;
 
 constexpr int kCallers = 8;
 constexpr int kCyclesPerPhase = 100;
-constexpr DWORD kRecoveryCode = 0x8004D082;
 constexpr DWORD kStalledMs = 30000; // no cycle for this long is a hang
-
-struct NullSinks : IAntivirusScan::IEnginesEvents, IAntivirusScan::IScanEvents, IAntivirusScan::ISettingsEvents {
-    int OnReloadStarted(const qv::StringW&) override { return 0; }
-    int OnReloadEnded(const qv::StringW&, int) override { return 0; }
-    int OnScanModesChanged(ScanMode, ScanMode) override { return 0; }
-    int OnBackupStatusChanged(bool) override { return 0; }
-    int OnFeatureStatusChanged(const qv::StringW&, bool) override { return 0; }
-    int OnHashChainSettingsChanged(const qv::kxsdk::AntivirusScan::HashChainSettings&) override { return 0; }
-    int OnSignatureInfoReportingChanged(bool) override { return 0; }
-};
 
 // One caller plug-in: every slot in turn, each answer checked against the codes its operation
 // documents, whatever state the object is in at that moment.
-class Caller {
-public:
-    Caller(void* scan, int seed) : scan_(scan), seed_(seed) {}
-
-    void Round(int round) {
-        const bool on = ((round + seed_) & 1) != 0;
-        const qv::StringW feature(seed_ & 1 ? L"Quarantine" : L"Heuristics");
-        Expect(RegisterEngines(scan_, &sinks_), {0, 1627});
-        Expect(RegisterScan(scan_, &sinks_), {0, 1627});
-        Expect(RegisterSettings(scan_, &sinks_), {0, 1627});
-        ScanType type;
-        Expect(GetScanType(scan_, &type), {0});
-        ScanMode primary, fallback;
-        Expect(GetScanModes(scan_, &primary, &fallback), {0, kRecoveryCode});
-        Expect(EnableBackup(scan_, on), {0, ERROR_CANTWRITE, ERROR_INTERNAL_ERROR});
-        bool flag;
-        Expect(IsBackupEnabled(scan_, &flag), {0});
-        qv::StringW version;
-        Expect(GetEnginesVersion(scan_, &version), {0, kRecoveryCode});
-        uint64_t count;
-        Expect(GetSignaturesCount(scan_, &count), {0, kRecoveryCode});
-        Expect(SetFeatureStatus(scan_, feature, on), {0});
-        Expect(GetFeatureStatus(scan_, feature, &flag), {0});
-        Expect(ReportHashChain(scan_, on), {0, ERROR_CANTWRITE});
-        qv::kxsdk::AntivirusScan::HashChainSettings chain;
-        Expect(GetHashChainSettings(scan_, &chain), {0});
-        Expect(ReportSignatureInfo(scan_, !on), {0, ERROR_CANTWRITE});
-        Expect(IsSignatureInfoReported(scan_, &flag), {0});
-        Expect(UnregisterEngines(scan_, &sinks_), {0, 1627});
-        Expect(UnregisterScan(scan_, &sinks_), {0, 1627});
-        Expect(UnregisterSettings(scan_, &sinks_), {0, 1627});
-    }
-    int WrongAnswers() const { return wrong_; }
-    DWORD FirstWrong() const { return firstWrong_; }
-
-private:
-    void Expect(DWORD result, std::initializer_list<DWORD> allowed) {
-        for (DWORD code : allowed) {
-            if (result == code) return;
-        }
-        if (wrong_++ == 0) firstWrong_ = result;
-    }
-
-    void* scan_;
-    int seed_;
-    NullSinks sinks_;
-    int wrong_ = 0;
-    DWORD firstWrong_ = 0;
+struct Caller {
+    NullSinks sinks;
+    int wrong = 0;
+    std::string firstWrong;
 };
-
-const wchar_t* const kServedNames[] = {ids::kServConfigName, ids::kSettingsName, ids::kUpdateName,
-                                       ids::kRemoteScanName, ids::kCtcName,      ids::kScanSpName,
-                                       ids::kTelemetryName};
 
 struct PhaseResult {
     int cycles = 0;
     int heldBack = 0; // cycles in which an installation was held back until UnInit
     int wrongAnswers = 0;
-    DWORD firstWrong = 0;
+    std::string firstWrong;
     std::vector<std::string> lifecycleFailures;
 };
 
@@ -134,12 +71,14 @@ PhaseResult RunPhase(PluginUnderTest& plugin, bool recovery) {
         changed.wait_for(lock, stalled, [&] { return uninitInCycle >= mine; });
     });
 
-    std::vector<Caller> callers;
-    for (int i = 0; i < kCallers; ++i) callers.emplace_back(plugin.scan, i);
+    std::vector<Caller> callers(kCallers);
     std::vector<std::unique_ptr<qvtest::TestThread>> threads;
-    for (Caller& caller : callers) {
-        threads.push_back(std::make_unique<qvtest::TestThread>([&running, &caller] {
-            for (int round = 0; running.load(); ++round) caller.Round(round);
+    for (int i = 0; i < kCallers; ++i) {
+        threads.push_back(std::make_unique<qvtest::TestThread>([&running, &caller = callers[i], i, scan = plugin.scan] {
+            for (int round = 0; running.load(); ++round) {
+                const std::string wrong = EveryOperation(scan, caller.sinks, ((round + i) & 1) != 0, kNoSinks, true);
+                if (!wrong.empty() && caller.wrong++ == 0) caller.firstWrong = wrong;
+            }
         }));
     }
     threads.push_back(std::make_unique<qvtest::TestThread>([&] {
@@ -210,8 +149,8 @@ PhaseResult RunPhase(PluginUnderTest& plugin, bool recovery) {
     env.remoteScan.WaitForFires(kStalledMs);
     env.update.SetBeforeDelivery(nullptr);
     for (const Caller& caller : callers) {
-        if (caller.WrongAnswers() && !result.wrongAnswers) result.firstWrong = caller.FirstWrong();
-        result.wrongAnswers += caller.WrongAnswers();
+        if (caller.wrong && !result.wrongAnswers) result.firstWrong = caller.firstWrong;
+        result.wrongAnswers += caller.wrong;
     }
     return result;
 }
@@ -236,11 +175,7 @@ std::string UnmatchedGetsAndReleases(const std::vector<host::ComponentManager::J
 
 void ExpectCleanHandOver(host::HostEnvironment& env) {
     EXPECT_EQ(UnmatchedGetsAndReleases(env.manager.Journal()), "");
-    for (const wchar_t* name : kServedNames) {
-        host::ComponentManager::Counts counts = env.manager.CountsOf(name);
-        EXPECT_EQ(counts.gets, counts.releases) << Describe(name);
-    }
-    EXPECT_TRUE(env.manager.Balanced());
+    EXPECT_EQ("", StillHeld(env));
     struct Served {
         const char* name;
         const host::ServedPlugin& served;
@@ -256,7 +191,6 @@ void ExpectCleanHandOver(host::HostEnvironment& env) {
         EXPECT_EQ(s.served.ReleasesUnderCall(), 0) << s.name;
         EXPECT_EQ(s.served.Held(), 0) << s.name;
     }
-    EXPECT_EQ(env.settings.Outstanding(), 0);
 }
 
 TEST(ShutdownRace, CallsAndNotificationsInFlightAcrossStopAndUnInit) {
@@ -269,7 +203,7 @@ TEST(ShutdownRace, CallsAndNotificationsInFlightAcrossStopAndUnInit) {
         plugin.stopped = true;
         cycles += result.cycles;
         EXPECT_TRUE(result.lifecycleFailures.empty()) << result.lifecycleFailures.front();
-        EXPECT_EQ(result.wrongAnswers, 0) << "first wrong answer " << result.firstWrong;
+        EXPECT_EQ(result.wrongAnswers, 0) << "first wrong answer: " << result.firstWrong;
         // Held back in nearly every cycle; one is enough for the race to have been run.
         EXPECT_GT(result.heldBack, 0);
         ExpectCleanHandOver(plugin.env);
@@ -280,24 +214,6 @@ TEST(ShutdownRace, CallsAndNotificationsInFlightAcrossStopAndUnInit) {
         }
     }
     EXPECT_GE(cycles, 2 * kCyclesPerPhase);
-}
-
-// Single-threaded, the order of lookups in Init and of hand-backs in UnInit is the documented one.
-TEST(ShutdownRace, InitLooksUpAndUnInitHandsBackInTheirOrder) {
-    PluginUnderTest plugin;
-    ASSERT_NE(plugin.primary, nullptr);
-    ASSERT_EQ(plugin.Init(), 0u);
-    plugin.StopAll();
-    using Entry = host::ComponentManager::JournalEntry;
-    const std::vector<Entry> expected = {
-        {Entry::Get, ids::kServConfigName},     {Entry::Get, ids::kUpdateName},
-        {Entry::Get, ids::kSettingsName},       {Entry::Get, ids::kScanSpName},
-        {Entry::Get, ids::kRemoteScanName},     {Entry::Get, ids::kCtcName},
-        {Entry::Release, ids::kCtcName},        {Entry::Release, ids::kRemoteScanName},
-        {Entry::Release, ids::kServConfigName}, {Entry::Release, ids::kSettingsName},
-        {Entry::Release, ids::kUpdateName},     {Entry::Release, ids::kScanSpName},
-    };
-    EXPECT_TRUE(plugin.env.manager.Journal() == expected);
 }
 
 } // namespace

@@ -1,13 +1,120 @@
 #include "tests/common/ScanSlots.h"
 
 #include "host/SettingsFile.h"
+#include "tests/common/ThreadProbe.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
+#include <memory>
 
 namespace testing_support {
 namespace slots {
+
+namespace ids = qv::kxsdk::ids;
+
+const wchar_t* const kSiblingNames[7] = {ids::kServConfigName, ids::kSettingsName, ids::kUpdateName,
+                                         ids::kRemoteScanName, ids::kCtcName,      ids::kScanSpName,
+                                         ids::kTelemetryName};
+
+int NullSinks::Reach(const char* event) {
+    if (heldEvent && strcmp(event, heldEvent) == 0 && !taken_.exchange(true)) hold();
+    return 0;
+}
+
+std::string EveryOperation(void* scan, NullSinks& sinks, bool on, Container busy, bool shuttingDown) {
+    constexpr DWORD kRecovery = 0x8004D082;
+    std::string wrong;
+    auto expect = [&](const char* what, DWORD result, std::initializer_list<DWORD> allowed, DWORD whileDown = 0) {
+        for (DWORD code : allowed)
+            if (result == code) return;
+        if (shuttingDown && whileDown != 0 && result == whileDown) return;
+        if (wrong.empty()) wrong = std::string(what) + " answered " + std::to_string(result);
+    };
+    constexpr DWORD kNotThere = 1627, kNoStore = ERROR_CANTWRITE;
+    if (busy != kEnginesSinks) expect("RegisterEngines", RegisterEngines(scan, &sinks), {0}, kNotThere);
+    if (busy != kScanSinks) expect("RegisterScan", RegisterScan(scan, &sinks), {0}, kNotThere);
+    if (busy != kSettingsSinks) expect("RegisterSettings", RegisterSettings(scan, &sinks), {0}, kNotThere);
+    ScanType type;
+    expect("GetScanType", GetScanType(scan, &type), {0});
+    ScanMode primary, fallback;
+    expect("GetScanModes", GetScanModes(scan, &primary, &fallback), {0, kRecovery});
+    for (bool value : {on, !on}) expect("EnableBackup", EnableBackup(scan, value), {0, ERROR_INTERNAL_ERROR}, kNoStore);
+    bool flag;
+    expect("IsBackupEnabled", IsBackupEnabled(scan, &flag), {0});
+    qv::StringW version;
+    expect("GetEnginesVersion", GetEnginesVersion(scan, &version), {0, kRecovery});
+    uint64_t count;
+    expect("GetSignaturesCount", GetSignaturesCount(scan, &count), {0, kRecovery});
+    expect("SetFeatureStatus", SetFeatureStatus(scan, qv::StringW(L"Quarantine"), on), {0});
+    expect("GetFeatureStatus", GetFeatureStatus(scan, qv::StringW(L"Firewall"), &flag), {0});
+    expect("ReportHashChain", ReportHashChain(scan, on), {0}, kNoStore);
+    HashChainSettings chain;
+    expect("GetHashChainSettings", GetHashChainSettings(scan, &chain), {0});
+    expect("ReportSignatureInfo", ReportSignatureInfo(scan, on), {0}, kNoStore);
+    expect("IsSignatureInfoReported", IsSignatureInfoReported(scan, &flag), {0});
+    if (busy != kEnginesSinks) expect("UnregisterEngines", UnregisterEngines(scan, &sinks), {0}, kNotThere);
+    if (busy != kScanSinks) expect("UnregisterScan", UnregisterScan(scan, &sinks), {0}, kNotThere);
+    if (busy != kSettingsSinks) expect("UnregisterSettings", UnregisterSettings(scan, &sinks), {0}, kNotThere);
+    return wrong;
+}
+
+std::string StillHeld(host::HostEnvironment& env) {
+    for (const wchar_t* name : kSiblingNames)
+        if (env.manager.Outstanding(name) != 0) return "still held: " + std::string(name, name + wcslen(name));
+    if (!env.manager.Balanced()) return "plug-in gets and releases do not balance";
+    if (env.settings.Outstanding() != 0) return "settings sections not released";
+    if (env.scanSp.OutstandingInterfaces() != 0) return "crash-handler interfaces not released";
+    return "";
+}
+
+std::string SwitchesDisagree(void* scan, const Json::Value& section, const host::ScanSpPlugin& provider,
+                             bool absentIsOff) {
+    const bool backup = BackupOf(scan);
+    const Json::Value hashChain = section["reportHashChain"];
+    const std::pair<const char*, Json::Value> stored[] = {
+        {"backup", section["enableBackup"]},
+        {"hash chain", hashChain.isObject() || !absentIsOff ? hashChain["enabled"] : hashChain},
+        {"signature info", section["reportSignatureInfo"]}};
+    const bool answered[] = {backup, HashChainOf(scan), SignatureInfoOf(scan)};
+    for (int i = 0; i < 3; ++i) {
+        const Json::Value value = stored[i].second.isNull() && absentIsOff ? Json::Value(false) : stored[i].second;
+        if (value != Json::Value(answered[i])) return std::string(stored[i].first) + ": answer and store disagree";
+    }
+    int last = -1;
+    for (const auto& option : provider.Options())
+        if (option.option == 9 && option.result == 0) last = static_cast<int>(option.value);
+    if (last == -1 && absentIsOff) return "";
+    return last == (backup ? 1 : 0) ? "" : "the provider runs with another backup value";
+}
+
+bool AnswersFromAnotherThread(void* scan, std::string& wrong) {
+    // Shared with the thread, which is abandoned when it is stuck.
+    auto sinks = std::make_shared<NullSinks>();
+    auto answers = std::make_shared<std::vector<DWORD>>();
+    qvtest::TestThread probe([scan, sinks, answers] {
+        ScanType type;
+        bool b;
+        HashChainSettings hc;
+        *answers = {GetScanType(scan, &type),
+                    IsBackupEnabled(scan, &b),
+                    GetHashChainSettings(scan, &hc),
+                    IsSignatureInfoReported(scan, &b),
+                    GetFeatureStatus(scan, qv::StringW(L"Probe"), &b),
+                    RegisterSettings(scan, sinks.get()),
+                    RegisterEngines(scan, sinks.get()),
+                    RegisterScan(scan, sinks.get()),
+                    UnregisterSettings(scan, sinks.get()),
+                    UnregisterEngines(scan, sinks.get()),
+                    UnregisterScan(scan, sinks.get())};
+    });
+    if (!probe.Finished(qvtest::kProceedMs)) return false;
+    for (size_t i = 0; i < answers->size() && wrong.empty(); ++i)
+        if ((*answers)[i] != 0)
+            wrong = "probe call " + std::to_string(i) + " answered " + std::to_string((*answers)[i]);
+    return true;
+}
 
 bool ReadSettingsFile(const std::wstring& path, Json::Value& document) {
     std::string bytes;

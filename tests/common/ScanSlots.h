@@ -5,6 +5,8 @@
 
 #include <json/json.h>
 
+#include <atomic>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -63,6 +65,54 @@ inline DWORD ReportSignatureInfo(void* scan, bool on) { return CallSlot<DWORD>(s
 inline DWORD IsSignatureInfoReported(void* scan, bool* on) {
     return CallSlot<DWORD>(scan, kIsSignatureInfoReported, on);
 }
+
+// The host's sibling plug-ins, each of which must be handed back after UnInit.
+extern const wchar_t* const kSiblingNames[7];
+
+// Sinks of all three containers that answer 0. The first notification named `heldEvent`
+// ("reload started", "reload ended", "scan modes", "backup", "feature", "hash chain",
+// "signature info") runs `hold` on the notifying thread; set both before it is fired.
+struct NullSinks : IAntivirusScan::IEnginesEvents, IAntivirusScan::IScanEvents, IAntivirusScan::ISettingsEvents {
+    int OnReloadStarted(const qv::StringW&) override { return Reach("reload started"); }
+    int OnReloadEnded(const qv::StringW&, int) override { return Reach("reload ended"); }
+    int OnScanModesChanged(ScanMode, ScanMode) override { return Reach("scan modes"); }
+    int OnBackupStatusChanged(bool) override { return Reach("backup"); }
+    int OnFeatureStatusChanged(const qv::StringW&, bool) override { return Reach("feature"); }
+    int OnHashChainSettingsChanged(const HashChainSettings&) override { return Reach("hash chain"); }
+    int OnSignatureInfoReportingChanged(bool) override { return Reach("signature info"); }
+
+    const char* heldEvent = nullptr;
+    std::function<void()> hold;
+
+private:
+    int Reach(const char* event);
+    std::atomic<bool> taken_{false};
+};
+
+enum Container { kEnginesSinks, kScanSinks, kSettingsSinks, kNoSinks };
+
+// Every IAntivirusScan slot once on the calling thread, `sinks` registered and removed again and
+// the switches set to `on`; the first answer outside its slot's documented codes, "" when none.
+// The registrations of `busy` are left out: they wait, as they must, for that container's
+// notification in progress. `shuttingDown`: the host may be between UnInit and Init meanwhile, so
+// a switch may find no store (1013) and a container may have been emptied (1627).
+std::string EveryOperation(void* scan, NullSinks& sinks, bool on, Container busy = kNoSinks, bool shuttingDown = false);
+
+// "" when every sibling plug-in got was handed back exactly once and every settings section and
+// crash-handler interface released; otherwise what is still held.
+std::string StillHeld(host::HostEnvironment& env);
+
+// "" when the three switches as answered are the values `section` of the store holds for them and
+// the last backup option the provider accepted carries the backup value answered; else what not.
+// `absentIsOff`: a switch the store does not hold counts as off, and a provider that accepted no
+// backup option yet agrees.
+std::string SwitchesDisagree(void* scan, const Json::Value& section, const host::ScanSpPlugin& provider,
+                             bool absentIsOff = false);
+
+// Every query and sink container once from another thread, changing nothing: false when that
+// thread is not through within qvtest::kProceedMs (the object was left locked); `wrong` names the
+// first answer that was not 0.
+bool AnswersFromAnotherThread(void* scan, std::string& wrong);
 
 // Reads a settings file as the store wrote it; false when it is not one JSON object.
 bool ReadSettingsFile(const std::wstring& path, Json::Value& document);

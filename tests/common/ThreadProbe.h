@@ -20,7 +20,6 @@ public:
     Signal& operator=(const Signal&) = delete;
 
     void Set() { SetEvent(handle_); }
-    void Reset() { ResetEvent(handle_); }
     bool Wait(DWORD ms) const { return WaitForSingleObject(handle_, ms) == WAIT_OBJECT_0; }
     bool IsSet() const { return Wait(0); }
     HANDLE Handle() const { return handle_; }
