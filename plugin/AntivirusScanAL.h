@@ -120,7 +120,7 @@ private:
     bool EndBackupCall();
     bool PushBackupStatus(bool& status, bool& again);
     bool ApplyCountedBackupCall(bool status);
-    void RepeatBackupPush(bool again) noexcept;
+    void RepeatBackupPush(bool again);
 
     // Core temp folder and crash handler
     void InitCoreTempFolder();

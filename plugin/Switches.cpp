@@ -252,7 +252,8 @@ bool AntivirusScanAL::ApplyCountedBackupCall(bool status) {
     }
 }
 
-void AntivirusScanAL::RepeatBackupPush(bool again) noexcept {
+// Never throws: the repeat is fenced as a step of its own.
+void AntivirusScanAL::RepeatBackupPush(bool again) {
     QV_FUNCTION(L"AntivirusScanAL::RefreshBackupStatus");
     GuardedStep(qvFunctionName_, [&] {
         while (again) {

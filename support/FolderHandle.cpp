@@ -180,7 +180,7 @@ EntryResult DeleteChild(Walk& walk, const FolderHandle& parent, const StringW& p
         FolderHandle child;
         child.Adopt(std::move(entry), real);
         result = DeleteTree(walk, child, PathOf(parentPath, name, length), depth + 1);
-        entry.Reset(child.Release());
+        entry = UniqueHFile(child.Release());
     }
     error = DeleteFolderByHandle(entry.Get(), ReadOnlyBit::Clear, walk.answers);
     if (error == ERROR_SUCCESS) return result;
