@@ -7,7 +7,7 @@ DEPS="${AVSCAN_DEPS:-/opt/avscan-deps}"
 here="$(cd "$(dirname "$0")/.." && pwd)"
 
 need_pkgs=()
-for p in g++-mingw-w64-x86-64-posix wine64 cmake dpkg-dev googletest gcc clang-format; do
+for p in g++-mingw-w64-x86-64-posix wine64 cmake dpkg-dev googletest gcc clang-format clang-tidy cppcheck; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || need_pkgs+=("$p")
 done
 if [ "${#need_pkgs[@]}" -gt 0 ]; then

@@ -4,7 +4,7 @@ namespace qv {
 namespace file {
 
 namespace {
-constexpr size_t kBufferBytes = 16 * 1024;
+constexpr size_t kBufferBytes = size_t{16} * 1024;
 
 bool IsDots(const wchar_t* text, size_t length) {
     return (length == 1 && text[0] == L'.') || (length == 2 && text[0] == L'.' && text[1] == L'.');
