@@ -25,8 +25,11 @@ src="$root/src" build="$root/build" out="$root/results"
 mkdir -p "$src" "$out"
 
 # A copy of the sources (tracked, and new ones not ignored), refreshed from the working tree at
-# every run.
-(cd "$here" && git ls-files -z -c -o --exclude-standard | xargs -0 cp -p --parents -t "$src")
+# every run. Only files whose text differs are copied, and they get a fresh time: make must see
+# every change, including a file put back by an earlier run.
+(cd "$here" && git ls-files -z -c -o --exclude-standard) | while IFS= read -r -d '' f; do
+  cmp -s "$here/$f" "$src/$f" || { mkdir -p "$(dirname "$src/$f")" && cp "$here/$f" "$src/$f"; }
+done
 
 # The sample: every candidate slip of every source, in a fixed order, then a seeded choice.
 python3 - "$src" "$seed" "$count" "$filter" >"$out/sample.tsv" <<'EOF'
@@ -107,7 +110,9 @@ first_tests() {
 }
 
 current="" original=""
-restore() { if [ -n "$current" ]; then cp -p "$original" "$src/$current"; current=""; fi; }
+# Put back with a fresh time (no cp -p), so that make rebuilds the file instead of keeping the
+# mutant's object, which is newer than the original's time.
+restore() { if [ -n "$current" ]; then cp "$original" "$src/$current"; current=""; fi; }
 trap restore EXIT
 trap 'exit 130' INT TERM HUP
 
@@ -134,7 +139,6 @@ killed=0 survived=0 stillborn=0
 while IFS=$'\t' read -r id file line kind text; do
   [ -z "$ids" ] || [[ "$ids" == *",$id,"* ]] || continue
   [ "$current" = "$file" ] || { restore; current="$file"; original="$out/original"; cp -p "$src/$file" "$original"; }
-  cp -p "$original" "$src/$file"
   python3 -c 'import json, sys
 lines = open(sys.argv[1], encoding="utf-8").read().split("\n")
 lines[int(sys.argv[2]) - 1] = json.loads(sys.argv[3])
@@ -153,9 +157,9 @@ open(sys.argv[1], "w", encoding="utf-8").write("\n".join(lines))' "$src/$file" "
       printf '#%s %s:%s (%s)\n%s\n\n' "$id" "$file" "$line" "$kind" "$diff" >>"$out/survivors.txt"
     fi
   fi
+  cp "$original" "$src/$file"
   echo "mutant $id $file:$line ($kind): $verdict [so far $killed of $((killed + survived)) killed]" >&2
   [ "$verdict" != SURVIVED ] || echo "$diff" >&2
-  cp -p "$original" "$src/$file"
 done < <(grep -v '^mutants:' "$out/sample.tsv")
 restore
 build_all || true
