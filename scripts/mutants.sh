@@ -2,10 +2,11 @@
 # Mutation run: makes small source-level slips in entry/, plugin/ and support/, one at a time,
 # rebuilds and runs the tests, and reports which slips no test noticed. Not part of CI: it takes
 # hours for a full sample. See tests/README.md.
-#   bash scripts/mutants.sh [-n COUNT] [-s SEED] [-t SECONDS] [-f REGEX] [-i IDS] [-l]
+#   bash scripts/mutants.sh [-n COUNT] [-s SEED] [-t SECONDS] [-f REGEX] [-i IDS] [-k K] [-l]
 #     -n  mutants in the sample (150)        -s  seed of the sample (1)
 #     -t  time limit of each test program (120)  -f  only files whose path matches REGEX
 #     -i  only these mutants of the sample (comma-separated numbers, e.g. the survivors of a run)
+#     -k  skip the first K mutants of the sample (to go on with a run that was cut short)
 #     -l  list the sample and stop
 # The sources are copied into the mutation tree (AVSCAN_MUTANTS, default build-mutants/) and
 # mutated there, so the working tree is never touched; the copy's file is restored after each
@@ -13,11 +14,11 @@
 # first, the rest only when those pass. A mutant that does not compile is not counted.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
-count=150 seed=1 limit=120 filter='' ids='' list_only=0
-while getopts "n:s:t:f:i:l" opt; do
+count=150 seed=1 limit=120 filter='' ids='' skip=0 list_only=0
+while getopts "n:s:t:f:i:k:l" opt; do
   case "$opt" in
-    n) count="$OPTARG" ;; s) seed="$OPTARG" ;; t) limit="$OPTARG" ;; f) filter="$OPTARG" ;; i) ids=",$OPTARG," ;; l) list_only=1 ;;
-    *) sed -n '5,10p' "$0" >&2; exit 2 ;;
+    n) count="$OPTARG" ;; s) seed="$OPTARG" ;; t) limit="$OPTARG" ;; f) filter="$OPTARG" ;; i) ids=",$OPTARG," ;; k) skip="$OPTARG" ;; l) list_only=1 ;;
+    *) sed -n '5,11p' "$0" >&2; exit 2 ;;
   esac
 done
 root="${AVSCAN_MUTANTS:-$here/build-mutants}"
@@ -99,7 +100,7 @@ first_tests() {
     plugin/Sinks.cpp) echo "test_sinks|test_plugin_sinks" ;;
     plugin/Lifecycle.cpp | plugin/ServPlugin.cpp) echo "test_lifecycle|test_host_plugins" ;;
     support/StringT.cpp) echo "test_string" ;;
-    support/SyncRWLock.cpp) echo "test_rwlock" ;;
+    support/SyncRWLock.cpp) echo "test_rwlock|test_rwlock_memory" ;;
     support/Log.cpp | support/FunctionTrace.cpp) echo "test_logging" ;;
     support/QvValue*.cpp) echo "test_value" ;;
     support/FileUtil.cpp | support/FolderHandle.cpp | support/NtFile.cpp | support/DirectoryWalker.cpp)
@@ -117,6 +118,12 @@ trap restore EXIT
 trap 'exit 130' INT TERM HUP
 
 build_all() { nice -n 15 cmake --build "$build" -j"$(nproc)" >"$out/build.log" 2>&1; }
+# The DLL, log.dll and the named test programs only (a change in support/ relinks every program).
+build_some() {
+  local targets=(AntivirusScan log) t
+  for t in ${1//|/ }; do targets+=("$t"); done
+  nice -n 15 cmake --build "$build" -j"$(nproc)" --target "${targets[@]}" >"$out/build.log" 2>&1
+}
 # -O1: the behaviour under test is the same and each rebuild takes half the time.
 nice -n 15 cmake -S "$src" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$src/cmake/mingw-w64-posix.cmake" \
   -DCMAKE_CXX_FLAGS_RELEASE="-O1 -DNDEBUG" >"$out/configure.log" 2>&1 || { tail -20 "$out/configure.log"; exit 1; }
@@ -138,19 +145,20 @@ killed=0 survived=0 stillborn=0
 : >"$out/survivors.txt"
 while IFS=$'\t' read -r id file line kind text; do
   [ -z "$ids" ] || [[ "$ids" == *",$id,"* ]] || continue
+  [ "$id" -gt "$skip" ] || continue
   [ "$current" = "$file" ] || { restore; current="$file"; original="$out/original"; cp -p "$src/$file" "$original"; }
   python3 -c 'import json, sys
 lines = open(sys.argv[1], encoding="utf-8").read().split("\n")
 lines[int(sys.argv[2]) - 1] = json.loads(sys.argv[3])
 open(sys.argv[1], "w", encoding="utf-8").write("\n".join(lines))' "$src/$file" "$line" "$text"
   diff=$(diff -u --label "a/$file" --label "b/$file" "$original" "$src/$file" || true)
-  if ! build_all; then
+  first=$(first_tests "$file")
+  if ! { [ -n "$first" ] && build_some "$first"; } && ! build_all; then
     stillborn=$((stillborn + 1)); verdict="does not compile"
   else
-    first=$(first_tests "$file")
     if ! run_tests "$first"; then
       killed=$((killed + 1)); verdict="killed by $(failed_tests)"
-    elif [ -n "$first" ] && ! run_tests "" "$first"; then
+    elif [ -n "$first" ] && ! { build_all && run_tests "" "$first"; }; then
       killed=$((killed + 1)); verdict="killed by $(failed_tests), not by its own tests"
     else
       survived=$((survived + 1)); verdict="SURVIVED"
