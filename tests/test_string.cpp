@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <string>
 
 using qv::StringW;
@@ -134,6 +136,31 @@ TEST(String, BrokenGuardsEndTheProcess) {
         EXPECT_NE(0u, code) << name;
         EXPECT_NE(0xFFFFFFFFu, code) << name;
     }
+}
+
+// A manager whose reallocation leaves the new tail of the block dirty, as realloc may.
+struct DirtyTailManager : qv::StringMemMgr {
+    void* Reallocate(void* block, size_t bytes) override {
+        const size_t old = _msize(block);
+        void* grown = std::malloc(bytes);
+        if (!grown) return nullptr;
+        std::memset(grown, 0xEE, bytes);
+        std::memcpy(grown, block, old < bytes ? old : bytes);
+        std::free(block);
+        return grown;
+    }
+};
+
+// Whatever the block held, the text ends with its terminator at the new length.
+TEST(String, AssignmentsTerminateTheTextAtItsLength) {
+    DirtyTailManager manager;
+    StringW s(std::wstring(64, L'x').c_str());
+    const_cast<StringW::Header*>(s.GetHeader())->manager = &manager;
+    s.Assign(std::wstring(100, L'y').c_str()); // grows through the manager
+    EXPECT_EQ(100u, wcslen(s.c_str()));
+    s.Assign(L"short", 5); // fits
+    EXPECT_STREQ(L"short", s.c_str());
+    const_cast<StringW::Header*>(s.GetHeader())->manager = &qv::StringMemMgr::Default();
 }
 
 } // namespace
