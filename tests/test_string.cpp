@@ -163,4 +163,31 @@ TEST(String, AssignmentsTerminateTheTextAtItsLength) {
     const_cast<StringW::Header*>(s.GetHeader())->manager = &qv::StringMemMgr::Default();
 }
 
+// Growing a block the string owns asks the manager to reallocate it first; only when that fails
+// is a new block allocated, the text copied over and the old block freed.
+TEST(String, GrowthReallocatesBeforeItAllocatesAnew) {
+    struct Manager : qv::StringMemMgr {
+        bool refuse = false;
+        int reallocations = 0, allocations = 0, frees = 0;
+        void* Allocate(size_t bytes) override { return ++allocations, StringMemMgr::Allocate(bytes); }
+        void* Reallocate(void* block, size_t bytes) override {
+            ++reallocations;
+            return refuse ? nullptr : StringMemMgr::Reallocate(block, bytes);
+        }
+        void Free(void* block) override { ++frees, StringMemMgr::Free(block); }
+    };
+    for (bool refuse : {false, true}) {
+        Manager manager;
+        manager.refuse = refuse;
+        StringW s(L"abc");
+        const_cast<StringW::Header*>(s.GetHeader())->manager = &manager;
+        s.Append(std::wstring(100, L'd').c_str());
+        EXPECT_EQ(1, manager.reallocations);
+        EXPECT_EQ(refuse ? 1 : 0, manager.allocations);
+        EXPECT_EQ(refuse ? 1 : 0, manager.frees);
+        EXPECT_EQ(L"abc" + std::wstring(100, L'd'), std::wstring(s.c_str()));
+        const_cast<StringW::Header*>(s.GetHeader())->manager = &qv::StringMemMgr::Default();
+    }
+}
+
 } // namespace
