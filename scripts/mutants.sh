@@ -130,6 +130,8 @@ nice -n 15 cmake -S "$src" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$src/cmake/mingw-
 echo "mutants: building the unmutated tree" >&2
 build_all || { tail -30 "$out/build.log"; exit 1; }
 source "$src/scripts/wine-env.sh" "$build"
+# wine-env.sh sets an EXIT trap of its own (it stops the wineserver): keep both.
+trap 'restore; /usr/lib/wine/wineserver -k >/dev/null 2>&1 || true' EXIT
 export AVSCAN_STRESS_SECONDS=3
 run_tests() { # regex (empty: all), exclude regex
   local args=(--test-dir "$build" --timeout "$limit" -j"$(nproc)" --stop-on-failure)
