@@ -6,6 +6,8 @@ include(CMakePackageConfigHelpers)
 # The SDK's string type is compiled code: the host constructs and destroys the strings that cross
 # the interfaces (engine versions, statistics keys), so it links this small library.
 add_library(AntivirusScanSdk STATIC ${CMAKE_SOURCE_DIR}/support/StringT.cpp)
+# Linked into the host's image, which its own build hardens (cmake/Hardening.cmake).
+set_target_properties(AntivirusScanSdk PROPERTIES AVSCAN_NOT_HARDENED ON)
 
 # The sdk/ headers are the whole contract: they include nothing of the implementation (the
 # sdk_alone target of cmake/SdkAloneCheck.cmake fails the build when one does), only each other,

@@ -8,12 +8,17 @@ namespace qv {
 
 template <class T> class ExportedSingletonDeclaration : public IObjectConstructor {
 public:
-    explicit ExportedSingletonDeclaration(const wchar_t* name) : name_(name) {
+    // Runs at library load, where an exception would end the host: a name that could not be
+    // inserted (out of memory) is simply not found by QvCreateObject.
+    explicit ExportedSingletonDeclaration(const wchar_t* name) noexcept : name_(name) {
         ObjectRegistry* registry = ObjectRegistry::AddRef();
         holdsRegistry_ = registry != nullptr;
         if (registry) {
             auto lock = registry->Lock();
-            registry->Insert(name_, this);
+            try {
+                registry->Insert(name_, this);
+            } catch (...) {
+            }
         }
     }
 

@@ -14,8 +14,10 @@ DWORD ChangeSinks(const wchar_t* function, Container& sinks, Sink* sink, bool ad
 
 // The six slots differ only in the sink kind and the direction, so each is written as one line
 // and the kinds read side by side.
+// NOLINTBEGIN(bugprone-macro-parentheses): the arguments are names and a type, not expressions.
 #define QV_SINK_SLOT(Slot, Sink, sinks, add)                                                                           \
     DWORD AntivirusScanAL::Slot(Sink* sink) { return ChangeSinks(L"AntivirusScanAL::" #Slot, sinks, sink, add); }
+// NOLINTEND(bugprone-macro-parentheses)
 
 QV_SINK_SLOT(RegisterEnginesEvents, IEnginesEvents, enginesSinks, true)
 QV_SINK_SLOT(RegisterScanEvents, IScanEvents, scanSinks, true)

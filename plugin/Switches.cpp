@@ -136,6 +136,7 @@ DWORD AntivirusScanAL::SetFeatureStatus(const StringW& name, bool isLocked) {
     QV_TRACE(L"AntivirusScanAL::SetFeatureStatus");
     return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
         if (!AcceptFeatureName(qvFunctionName_, name)) return kInvalidParameter;
+        // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the caller's string may change on its thread.
         const StringW feature = name;
         QV_LOG(LOG_SEV_INFO, L"[name = %s] [isLocked = %d]", feature.c_str(), isLocked ? 1 : 0);
         {

@@ -47,7 +47,7 @@ UpdateFileRead ReadUpdateFile(const wchar_t* path, UpdateFileInfo& info) {
     int line = 0;         // lines completed so far
     bool pending = false; // some bytes of the current line were seen
     size_t taken = 0;     // bytes of the first four lines so far
-    const size_t kChunk = 64 * 1024;
+    const size_t kChunk = size_t{64} * 1024;
     std::unique_ptr<char[]> buffer(new char[kChunk]);
     while (line < 4) {
         DWORD got = 0;

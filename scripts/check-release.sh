@@ -31,7 +31,40 @@ dump=$(x86_64-w64-mingw32-objdump -p "$dll")
 exports=$(sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' <<<"$dump" | awk 'NR > 1 && NF { print $NF }' | sort | xargs)
 [ "$exports" = "QvCreateObject QvDestroyObject" ] || fail "exports: $exports"
 imports=$(sed -n 's/^[[:space:]]*DLL Name: //p' <<<"$dump" | tr '[:upper:]' '[:lower:]' | sort | xargs)
-[ "$imports" = "kernel32.dll kxsjson.dll msvcrt.dll shlwapi.dll winmm.dll" ] || fail "imports: $imports"
+# advapi32.dll seeds the stack-protector guard (static libssp); libssp-0.dll must not be imported.
+[ "$imports" = "advapi32.dll kernel32.dll kxsjson.dll msvcrt.dll shlwapi.dll winmm.dll" ] || fail "imports: $imports"
+
+# Hardening, as Microsoft's binary checks want it of both shipped DLLs: ASLR with a 64-bit
+# address space and DEP in the optional header; no section both writable and executable, and no
+# shared writable section (objdump -h lists READONLY for a section that cannot be written, CODE
+# for one that can be executed, SHARED for IMAGE_SCN_MEM_SHARED).
+hardened() {
+  local image="$1" name="${1##*/}" flag bad
+  local characteristics
+  characteristics=$(x86_64-w64-mingw32-objdump -p "$image" | sed -n '/^DllCharacteristics/,/^[A-Z]/p' | awk 'NR > 1 { print $1 }')
+  for flag in DYNAMIC_BASE HIGH_ENTROPY_VA NX_COMPAT; do
+    grep -qx "$flag" <<<"$characteristics" || fail "$name lacks $flag"
+  done
+  bad=$(x86_64-w64-mingw32-objdump -h "$image" | awk '
+    /^ *[0-9]+ / { name = $2; getline flags
+                   writable = flags ~ /ALLOC/ && flags !~ /READONLY/
+                   if (writable && flags ~ /CODE/) print name " writable and executable"
+                   if (writable && flags ~ /SHARED/) print name " shared and writable" }')
+  [ -z "$bad" ] || fail "$name: $bad"
+}
+hardened "$dll"
+hardened "$pkg/bin/KxsJson.dll"
+# Stack protection: the canary and its failure handler linked in from the static libssp. The
+# shipped DLL is stripped, so the symbols are read from its split-off file; KxsJson.dll keeps them.
+canary() {
+  local symbols
+  symbols=$(x86_64-w64-mingw32-nm "$1" 2>/dev/null | awk '{ print $NF }')
+  grep -qx '__stack_chk_guard' <<<"$symbols" && grep -qx '__stack_chk_fail' <<<"$symbols"
+}
+canary "$dll.debug" || fail "AntivirusScan.AL is built without the stack protector"
+canary "$pkg/bin/KxsJson.dll" || fail "KxsJson.dll is built without the stack protector"
+grep -qi 'DLL Name: libssp' <<<"$(x86_64-w64-mingw32-objdump -p "$pkg/bin/KxsJson.dll")" &&
+  fail "KxsJson.dll imports libssp instead of linking it"
 
 # Symbols: the shipped DLL stripped and linked to its split-off DWARF; the PDB named in its
 # CodeView record.

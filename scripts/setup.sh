@@ -7,7 +7,7 @@ DEPS="${AVSCAN_DEPS:-/opt/avscan-deps}"
 here="$(cd "$(dirname "$0")/.." && pwd)"
 
 need_pkgs=()
-for p in g++-mingw-w64-x86-64-posix wine64 cmake dpkg-dev googletest gcc clang-format; do
+for p in g++-mingw-w64-x86-64-posix wine64 cmake dpkg-dev googletest gcc clang-format clang-tidy cppcheck; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || need_pkgs+=("$p")
 done
 if [ "${#need_pkgs[@]}" -gt 0 ]; then
@@ -59,8 +59,11 @@ derive_source_entries() {
 }
 
 # jsoncpp from Debian's source package, fetched through a private sources list and apt state
-# directory so that the machine's own apt configuration is left as it was.
-if [ ! -f "$DEPS/jsoncpp/bin/KxsJson.dll" ]; then
+# directory so that the machine's own apt configuration is left as it was. It is built again when
+# the files that say how (its CMakeLists, the toolchain, the hardening flags) have changed since.
+json_recipe=$(cat "$here/cmake/deps/jsoncpp/CMakeLists.txt" "$here/cmake/mingw-w64-posix.cmake" \
+                  "$here/cmake/Hardening.cmake" | sha256sum | cut -d' ' -f1)
+if [ ! -f "$DEPS/jsoncpp/bin/KxsJson.dll" ] || [ "$(cat "$DEPS/jsoncpp/recipe" 2>/dev/null)" != "$json_recipe" ]; then
   src="$DEPS/src"
   if [ ! -d "$src/jsoncpp" ]; then
     aptdir="$DEPS/apt"
@@ -78,6 +81,7 @@ if [ ! -f "$DEPS/jsoncpp/bin/KxsJson.dll" ]; then
         -DCMAKE_INSTALL_PREFIX="$DEPS/jsoncpp" >/dev/null
   cmake --build "$DEPS/build-jsoncpp" -j"$(nproc)" >/dev/null
   cmake --install "$DEPS/build-jsoncpp" >/dev/null
+  echo "$json_recipe" > "$DEPS/jsoncpp/recipe"
 fi
 
 # GoogleTest from Debian's googletest sources, cross-built as static libraries.

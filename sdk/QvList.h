@@ -14,8 +14,8 @@
 namespace qv {
 
 struct ListLink {
-    ListLink* next;
-    ListLink* prev;
+    ListLink* next = nullptr;
+    ListLink* prev = nullptr;
 };
 
 #if QV_SDK_CHECK_LAYOUT
@@ -23,6 +23,8 @@ static_assert(sizeof(ListLink) == 16 && offsetof(ListLink, next) == 0 && offseto
 #endif
 
 template <class T> struct ListNode : ListLink {
+    // Nodes are made by the list from a value and never copied or moved themselves.
+    // NOLINTNEXTLINE(bugprone-forwarding-reference-overload)
     template <class U> explicit ListNode(U&& v) : ListLink{nullptr, nullptr}, value(std::forward<U>(v)) {}
     T value;
 };

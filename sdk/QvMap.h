@@ -17,14 +17,15 @@ namespace qv {
 // per step (h * 33^4 + c0 * 33^3 + c1 * 33^2 + c2 * 33 + c3 is the same 64-bit value as four
 // single steps), so that the multiplications no longer wait for each other.
 inline uint64_t MapKeyHash(const StringW& key) noexcept {
+    constexpr uint64_t k33p2 = uint64_t{33} * 33, k33p3 = k33p2 * 33, k33p4 = k33p3 * 33;
     uint64_t h = 5381;
     const wchar_t* s = key.c_str();
     const size_t n = key.Length();
     size_t i = 0;
     for (; i + 4 <= n; i += 4) {
-        h = h * 1185921u + static_cast<uint16_t>(s[i]) * uint64_t{35937} +
-            static_cast<uint16_t>(s[i + 1]) * uint64_t{1089} + static_cast<uint16_t>(s[i + 2]) * uint64_t{33} +
-            static_cast<uint16_t>(s[i + 3]);
+        const uint64_t c0 = static_cast<uint16_t>(s[i]), c1 = static_cast<uint16_t>(s[i + 1]);
+        const uint64_t c2 = static_cast<uint16_t>(s[i + 2]), c3 = static_cast<uint16_t>(s[i + 3]);
+        h = h * k33p4 + c0 * k33p3 + c1 * k33p2 + c2 * 33 + c3;
     }
     for (; i < n; ++i) h = h * 33 + static_cast<uint16_t>(s[i]);
     return h;
@@ -42,8 +43,8 @@ template <class K> uint64_t MapKeyHash(const K& key) { return std::hash<K>()(key
 template <class K> bool MapKeyEqual(const K& a, const K& b) { return a == b; }
 
 struct MapLink {
-    MapLink* next;
-    MapLink* prev;
+    MapLink* next = nullptr;
+    MapLink* prev = nullptr;
 };
 
 #if QV_SDK_CHECK_LAYOUT
@@ -125,6 +126,8 @@ public:
 
     Map() : buckets_(kInitialBuckets) { Reset(); }
     Map(const Map& other) : Map() { CopyFrom(other); }
+    // Not noexcept: the moved-from map keeps an empty bucket table, which is allocated.
+    // NOLINTNEXTLINE(performance-noexcept-move-constructor)
     Map(Map&& other) : Map() { Swap(other); }
     Map& operator=(const Map& other) {
         if (this != &other) {
@@ -133,6 +136,7 @@ public:
         }
         return *this;
     }
+    // NOLINTNEXTLINE(performance-noexcept-move-constructor): as the move constructor.
     Map& operator=(Map&& other) {
         if (this != &other) {
             Map empty;

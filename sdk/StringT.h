@@ -74,7 +74,9 @@ public:
     ~StringT();
 
     StringT& operator=(const StringT& other);
-    StringT& operator=(StringT&& other) noexcept;
+    // Not noexcept: between strings of different managers the characters are copied.
+    // NOLINTNEXTLINE(performance-noexcept-move-constructor)
+    StringT& operator=(StringT&& other);
     StringT& operator=(const wchar_t* text);
 
     static StringT FromUtf8(const char* text, size_t count = npos);
@@ -125,7 +127,7 @@ public:
     // Terminates the process if a guard word is broken. Inline: it runs before nearly every use.
     void CheckValid() const {
         const Header* h = HeaderPtr();
-        if (!h) return;
+        if (!h || !p_) return;
         const unsigned char* block = reinterpret_cast<const unsigned char*>(p_) - kCharsOffset;
         if (ReadWord(block + kFirstGuardOffset) != kGuard || ReadWord(block + kSecondGuardOffset) != kGuard ||
             ReadWord(block + TrailingGuardOffset(h->capacity)) != kGuard) {
@@ -142,6 +144,7 @@ private:
     Header* HeaderPtr() const {
         if (!p_) return nullptr;
         Header* h;
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): the block holds the pointer itself.
         memcpy(&h, reinterpret_cast<const unsigned char*>(p_) - kCharsOffset + kHeaderPointerOffset, sizeof h);
         return h;
     }

@@ -9,7 +9,7 @@ namespace qv {
 namespace file {
 
 namespace {
-constexpr size_t kBufferBytes = 16 * 1024;
+constexpr size_t kBufferBytes = size_t{16} * 1024;
 
 // The records of the three classes (MS-FSCC 2.4.17, 2.4.18 and the 128-bit form), declared here
 // because not every SDK's headers have them. Offsets as the file system writes them.

@@ -6,6 +6,7 @@
 #include <shlwapi.h>
 
 // Start of the module this code is linked into (the plug-in, or a test program).
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name for it.
 extern "C" IMAGE_DOS_HEADER __ImageBase;
 
 namespace qv {

@@ -9,6 +9,7 @@
 #include <memory>
 
 // The image that contains this code: the plug-in DLL, a test program or the host.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name for it.
 extern "C" IMAGE_DOS_HEADER __ImageBase;
 
 namespace logging {

@@ -47,6 +47,7 @@ template <class T> struct GrowArray {
 
     // Room must have been made with GrowIfFull.
     T& PushUnchecked(T&& item) noexcept {
+        // cppcheck-suppress legacyUninitvar ; the placement new constructs the slot it names
         T* slot = ::new (static_cast<void*>(items + count)) T(std::move(item));
         ++count;
         return *slot;

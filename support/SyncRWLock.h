@@ -67,7 +67,7 @@ private:
         static constexpr size_t kInline = 8;
         size_t LowerBound(uint32_t thread) const;
 
-        Entry inline_[kInline];
+        Entry inline_[kInline] = {};
         Entry* items_ = inline_;
         size_t size_ = 0;
         size_t capacity_ = kInline;

@@ -107,6 +107,50 @@ TEST_F(CoreTemp, LinksAmongTheSiblingsNeverTakeTheirTargetsWithThem) {
     }
 }
 
+// A free drive letter mapped to `folder`: Wine keeps its letters as links in its dosdevices
+// folder, planted here from the Unix side; Windows maps one with DefineDosDeviceW. "X:" or empty.
+std::wstring MapDrive(const std::wstring& folder, std::wstring& unmap) {
+    for (wchar_t letter = L'q'; letter <= L'y'; ++letter) {
+        const std::wstring name{letter, L':'};
+        if (GetDriveTypeW((name + L"\\").c_str()) != DRIVE_NO_ROOT_DIR) continue;
+        if (OnWine()) {
+            const std::string dos = UnixPath(L"C:\\") + "/../dosdevices/" + Narrow(name);
+            unmap = L"\"" + std::wstring(dos.begin(), dos.end()) + L"\"";
+            const std::string target = UnixPath(folder);
+            StartUnix(L"ln", L"-s \"" + std::wstring(target.begin(), target.end()) + L"\" " + unmap);
+        } else {
+            DefineDosDeviceW(0, name.c_str(), folder.c_str());
+        }
+        if (WaitFor([&] { return PathIsDirectoryW((name + L"\\").c_str()) != FALSE; })) return name;
+        return L"";
+    }
+    return L"";
+}
+
+// A core temp folder straight under a drive root would make the whole volume its siblings: that
+// parent is never cleaned, a notable decision. The drive is this test's folder under a free
+// letter, so a clean that went ahead would only empty that folder.
+TEST_F(CoreTemp, FolderUnderADriveRootIsNeverCleanedAround) {
+    std::wstring unmap;
+    const std::wstring drive = MapDrive(parent, unmap);
+    if (drive.empty()) GTEST_SKIP() << "no drive letter could be mapped";
+    WriteBytes(parent + L"\\a.tmp", "a");
+    Configure(drive + L"\\scansp");
+    ASSERT_EQ(0u, plugin.Init());
+    ASSERT_EQ(0u, plugin.DelayedStart());
+    EXPECT_EQ("a", ReadBytes(parent + L"\\a.tmp"));
+    EXPECT_TRUE(Exists(core));
+    EXPECT_EQ(0, CountStartingWith(L"Deleting ["));
+    EXPECT_TRUE(LineWith(L"Core temp folder parent is a root, not cleaned [path = " + drive + L"\\scansp]", 8));
+    plugin.UnInit();
+    if (OnWine()) {
+        StartUnix(L"rm", unmap);
+        WaitFor([&] { return GetDriveTypeW((drive + L"\\").c_str()) == DRIVE_NO_ROOT_DIR; });
+    } else {
+        DefineDosDeviceW(DDD_REMOVE_DEFINITION, drive.c_str(), nullptr);
+    }
+}
+
 TEST(CrashHandler, BothOptionsAreSetWhateverTheFirstGives) {
     PluginUnderTest plugin;
     plugin.env.scanSp.CrashHandler().FailFirstCall(31);

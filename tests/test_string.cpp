@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <string>
 
 using qv::StringW;
@@ -133,6 +135,58 @@ TEST(String, BrokenGuardsEndTheProcess) {
         const DWORD code = RunChild(name);
         EXPECT_NE(0u, code) << name;
         EXPECT_NE(0xFFFFFFFFu, code) << name;
+    }
+}
+
+// A manager whose reallocation leaves the new tail of the block dirty, as realloc may.
+struct DirtyTailManager : qv::StringMemMgr {
+    void* Reallocate(void* block, size_t bytes) override {
+        const size_t old = _msize(block);
+        void* grown = std::malloc(bytes);
+        if (!grown) return nullptr;
+        std::memset(grown, 0xEE, bytes);
+        std::memcpy(grown, block, old < bytes ? old : bytes);
+        std::free(block);
+        return grown;
+    }
+};
+
+// Whatever the block held, the text ends with its terminator at the new length.
+TEST(String, AssignmentsTerminateTheTextAtItsLength) {
+    DirtyTailManager manager;
+    StringW s(std::wstring(64, L'x').c_str());
+    const_cast<StringW::Header*>(s.GetHeader())->manager = &manager;
+    s.Assign(std::wstring(100, L'y').c_str()); // grows through the manager
+    EXPECT_EQ(100u, wcslen(s.c_str()));
+    s.Assign(L"short", 5); // fits
+    EXPECT_STREQ(L"short", s.c_str());
+    const_cast<StringW::Header*>(s.GetHeader())->manager = &qv::StringMemMgr::Default();
+}
+
+// Growing a block the string owns asks the manager to reallocate it first; only when that fails
+// is a new block allocated, the text copied over and the old block freed.
+TEST(String, GrowthReallocatesBeforeItAllocatesAnew) {
+    struct Manager : qv::StringMemMgr {
+        bool refuse = false;
+        int reallocations = 0, allocations = 0, frees = 0;
+        void* Allocate(size_t bytes) override { return ++allocations, StringMemMgr::Allocate(bytes); }
+        void* Reallocate(void* block, size_t bytes) override {
+            ++reallocations;
+            return refuse ? nullptr : StringMemMgr::Reallocate(block, bytes);
+        }
+        void Free(void* block) override { ++frees, StringMemMgr::Free(block); }
+    };
+    for (bool refuse : {false, true}) {
+        Manager manager;
+        manager.refuse = refuse;
+        StringW s(L"abc");
+        const_cast<StringW::Header*>(s.GetHeader())->manager = &manager;
+        s.Append(std::wstring(100, L'd').c_str());
+        EXPECT_EQ(1, manager.reallocations);
+        EXPECT_EQ(refuse ? 1 : 0, manager.allocations);
+        EXPECT_EQ(refuse ? 1 : 0, manager.frees);
+        EXPECT_EQ(L"abc" + std::wstring(100, L'd'), std::wstring(s.c_str()));
+        const_cast<StringW::Header*>(s.GetHeader())->manager = &qv::StringMemMgr::Default();
     }
 }
 

@@ -233,4 +233,20 @@ TEST_F(Switches, FeatureNamesThatReachOtherKeysAreRefused) {
     EXPECT_EQ(5u, sink.Take().size());
 }
 
+// Init's last step pushes the loaded backup flag to the scan provider, whatever its value.
+TEST(SwitchesAtInit, AppliesTheStoredBackupStatus) {
+    for (bool stored : {true, false}) {
+        PluginUnderTest fresh;
+        Json::Value document(Json::objectValue);
+        document["/AntivirusScan"]["enableBackup"] = stored;
+        fresh.env.settings.SetDocument(document);
+        ASSERT_EQ(0u, fresh.Init());
+        std::vector<uint32_t> values;
+        for (const auto& option : fresh.env.scanSp.Options())
+            if (option.option == kBackupOption) values.push_back(option.value);
+        EXPECT_EQ(std::vector<uint32_t>{stored ? 1u : 0u}, values);
+        EXPECT_EQ(stored, BackupOf(fresh.scan));
+    }
+}
+
 } // namespace

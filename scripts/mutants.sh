@@ -1,0 +1,184 @@
+#!/usr/bin/env bash
+# Mutation run: makes small source-level slips in entry/, plugin/ and support/, one at a time,
+# rebuilds and runs the tests, and reports which slips no test noticed. Not part of CI: it takes
+# hours for a full sample. See tests/README.md.
+#   bash scripts/mutants.sh [-n COUNT] [-s SEED] [-t SECONDS] [-f REGEX] [-i IDS] [-k K] [-l]
+#     -n  mutants in the sample (150)        -s  seed of the sample (1)
+#     -t  time limit of each test program (120)  -f  only files whose path matches REGEX
+#     -i  only these mutants of the sample (comma-separated numbers, e.g. the survivors of a run)
+#     -k  skip the first K mutants of the sample (to go on with a run that was cut short)
+#     -l  list the sample and stop
+# The sources are copied into the mutation tree (AVSCAN_MUTANTS, default build-mutants/) and
+# mutated there, so the working tree is never touched; the copy's file is restored after each
+# mutant and on any exit. The build there is incremental; the tests the mutated file needs run
+# first, the rest only when those pass. A mutant that does not compile is not counted.
+set -euo pipefail
+here="$(cd "$(dirname "$0")/.." && pwd)"
+count=150 seed=1 limit=120 filter='' ids='' skip=0 list_only=0
+while getopts "n:s:t:f:i:k:l" opt; do
+  case "$opt" in
+    n) count="$OPTARG" ;; s) seed="$OPTARG" ;; t) limit="$OPTARG" ;; f) filter="$OPTARG" ;; i) ids=",$OPTARG," ;; k) skip="$OPTARG" ;; l) list_only=1 ;;
+    *) sed -n '5,11p' "$0" >&2; exit 2 ;;
+  esac
+done
+root="${AVSCAN_MUTANTS:-$here/build-mutants}"
+src="$root/src" build="$root/build" out="$root/results"
+mkdir -p "$src" "$out"
+
+# A copy of the sources (tracked, and new ones not ignored), refreshed from the working tree at
+# every run. Only files whose text differs are copied, and they get a fresh time: make must see
+# every change, including a file put back by an earlier run.
+(cd "$here" && git ls-files -z -c -o --exclude-standard) | while IFS= read -r -d '' f; do
+  cmp -s "$here/$f" "$src/$f" || { mkdir -p "$(dirname "$src/$f")" && cp "$here/$f" "$src/$f"; }
+done
+
+# The sample: every candidate slip of every source, in a fixed order, then a seeded choice.
+python3 - "$src" "$seed" "$count" "$filter" >"$out/sample.tsv" <<'EOF'
+import glob, json, random, re, sys
+src, seed, count, pattern = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), sys.argv[4]
+SWAPS = [(" == ", " != "), (" != ", " == "), (" < ", " <= "), (" <= ", " < "), (" > ", " >= "),
+         (" >= ", " > "), (" && ", " || "), (" || ", " && "), (" + 1", " - 1"), (" - 1", " + 1"),
+         ("return true;", "return false;"), ("return false;", "return true;")]
+SEVERITIES = ["LOG_SEV_ERROR", "LOG_SEV_WARNING", "LOG_SEV_INFO", "LOG_SEV_DETAIL"]
+CODES = ["kSuccess", "kInvalidParameter", "kNotFound", "kInternalError", "kFunctionFailed", "kCantWrite",
+         "kDependencyNotFound", "kInvalidState", "kNotEnoughMemory", "kInvalidData"]
+def blank_strings(line):  # string and character literals and // comments cannot be mutated
+    line = re.sub(r'L?"(\\.|[^"\\])*"', lambda m: "\x01" * len(m.group(0)), line)
+    line = re.sub(r"'(\\.|[^'\\])*'", lambda m: "\x01" * len(m.group(0)), line)
+    return line.split("//")[0]
+mutants = []
+for path in sorted(glob.glob(src + "/entry/*.cpp") + glob.glob(src + "/plugin/*.cpp") + glob.glob(src + "/support/*.cpp")):
+    rel = path[len(src) + 1:]
+    if pattern and not re.search(pattern, rel):
+        continue
+    for no, line in enumerate(open(path, encoding="utf-8").read().split("\n"), 1):
+        code = blank_strings(line)
+        if not code.strip() or code.lstrip().startswith(("#", "*", "/*")):
+            continue
+        def add(kind, start, end, text):
+            mutants.append((rel, no, kind, line[:start] + text + line[end:]))
+        for old, new in SWAPS:
+            for m in re.finditer(re.escape(old), code):
+                add("operator", m.start(), m.end(), new)
+        for m in re.finditer(r"(?<![\w.])(\d+)(?![\w.])", code):
+            if not re.search(r"\[\s*$", code[:m.start()]):  # not an array size
+                add("constant", m.start(), m.end(), str(int(m.group(1)) + 1))
+        for m in re.finditer(r"\bLOG_SEV_[A-Z]+\b", code):
+            add("severity", m.start(), m.end(), SEVERITIES[(SEVERITIES.index(m.group(0)) + 1) % 4] if m.group(0) in SEVERITIES else m.group(0))
+        for m in re.finditer(r"\bk[A-Z]\w+\b", code):
+            if m.group(0) in CODES:
+                add("error code", m.start(), m.end(), CODES[(CODES.index(m.group(0)) + 1) % len(CODES)])
+        m = re.match(r"^(\s*)(if|while) \((.*)\)( \{|)$", code)
+        if m and code.count("(") == code.count(")"):
+            add("inverted condition", len(m.group(1)) + len(m.group(2)) + 2, len(code) - len(m.group(4)) - 1, "!(" + m.group(3) + ")")
+        if re.match(r"^\s*auto \w+ = \w+\.Lock\(\);\s*$", code):
+            add("removed lock guard", 0, len(line), "")
+        elif re.match(r"^\s*(\(void\))?[\w:.>\-]+(\(.*\))?(\.|->)?[\w:]*\(.*\);\s*$", code) and not code.lstrip().startswith("return"):
+            add("removed call", 0, len(line), "")
+        elif re.match(r"^\s*[\w.\->\[\]]+ (=|\+=|-=|\|=|&=) [^=].*;\s*$", code) and code.count("(") == code.count(")"):
+            add("removed statement", 0, len(line), "")
+chosen = random.Random(seed).sample(mutants, min(count, len(mutants)))
+# In the order drawn, so that a run cut short is still a fair sample of its first mutants.
+for i, (rel, no, kind, text) in enumerate(chosen, 1):
+    print("\t".join([str(i), rel, str(no), kind, json.dumps(text)]))
+print("mutants: %d candidates, %d in the sample (seed %d)" % (len(mutants), len(chosen), seed), file=sys.stderr)
+EOF
+if [ "$list_only" -eq 1 ]; then cat "$out/sample.tsv"; exit 0; fi
+
+# The tests that a source needs first; a source not named here runs the whole suite at once.
+first_tests() {
+  case "$1" in
+    entry/*) echo "test_entry|test_bad_input" ;;
+    plugin/Switches.cpp | plugin/FeatureNames.cpp) echo "test_switches" ;;
+    plugin/ScanModes.cpp) echo "test_scan_modes" ;;
+    plugin/Settings.cpp) echo "test_settings" ;;
+    plugin/CoreTemp.cpp) echo "test_core_temp" ;;
+    plugin/EnginesInfo.cpp | plugin/UpdateFile.cpp) echo "test_engines_info" ;;
+    plugin/Reload.cpp) echo "test_reload" ;;
+    plugin/Recovery.cpp | plugin/Telemetry.cpp) echo "test_recovery" ;;
+    plugin/RemoteOnlyFiles.cpp) echo "test_remote_only_files" ;;
+    plugin/Sinks.cpp) echo "test_sinks|test_plugin_sinks" ;;
+    plugin/Lifecycle.cpp | plugin/ServPlugin.cpp) echo "test_lifecycle|test_host_plugins" ;;
+    support/StringT.cpp) echo "test_string" ;;
+    support/SyncRWLock.cpp) echo "test_rwlock|test_rwlock_memory" ;;
+    support/Log.cpp | support/FunctionTrace.cpp) echo "test_logging" ;;
+    support/QvValue*.cpp) echo "test_value" ;;
+    support/FileUtil.cpp | support/FolderHandle.cpp | support/NtFile.cpp | support/DirectoryWalker.cpp)
+      echo "test_fileutil|test_deletion_safety" ;;
+    support/RundownProtection.cpp) echo "test_shutdown_race|test_entry" ;;
+    *) echo "" ;;
+  esac
+}
+
+current="" original=""
+# Put back with a fresh time (no cp -p), so that make rebuilds the file instead of keeping the
+# mutant's object, which is newer than the original's time.
+restore() { if [ -n "$current" ]; then cp "$original" "$src/$current"; current=""; fi; }
+trap restore EXIT
+trap 'exit 130' INT TERM HUP
+
+build_all() { nice -n 15 cmake --build "$build" -j"$(nproc)" >"$out/build.log" 2>&1; }
+# The DLL, log.dll and the named test programs only (a change in support/ relinks every program).
+build_some() {
+  local targets=(AntivirusScan log) t
+  for t in ${1//|/ }; do targets+=("$t"); done
+  nice -n 15 cmake --build "$build" -j"$(nproc)" --target "${targets[@]}" >"$out/build.log" 2>&1
+}
+# -O1: the behaviour under test is the same and each rebuild takes half the time.
+nice -n 15 cmake -S "$src" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$src/cmake/mingw-w64-posix.cmake" \
+  -DCMAKE_CXX_FLAGS_RELEASE="-O1 -DNDEBUG" >"$out/configure.log" 2>&1 || { tail -20 "$out/configure.log"; exit 1; }
+echo "mutants: building the unmutated tree" >&2
+build_all || { tail -30 "$out/build.log"; exit 1; }
+source "$src/scripts/wine-env.sh" "$build"
+# wine-env.sh sets an EXIT trap of its own (it stops the wineserver): keep both.
+trap 'restore; /usr/lib/wine/wineserver -k >/dev/null 2>&1 || true' EXIT
+export AVSCAN_STRESS_SECONDS=3
+run_tests() { # regex (empty: all), exclude regex
+  local args=(--test-dir "$build" --timeout "$limit" -j"$(nproc)" --stop-on-failure)
+  [ -n "$1" ] && args+=(-R "^($1)\$")
+  [ -n "${2:-}" ] && args+=(-E "^($2)\$|^release_package\$") || args+=(-E '^release_package$')
+  nice -n 15 ctest "${args[@]}" >"$out/ctest.log" 2>&1
+}
+run_tests "" || { echo "mutants: the unmutated tree fails its tests; see $out/ctest.log" >&2; exit 1; }
+
+# The programs that failed (or timed out) in the last run.
+failed_tests() { sed -n 's/^[[:space:]]*[0-9]* - \(test_[a-z_]*\) (.*/\1/p' "$out/ctest.log" | xargs | tr ' ' ','; }
+killed=0 survived=0 stillborn=0
+: >"$out/survivors.txt"
+while IFS=$'\t' read -r id file line kind text; do
+  [ -z "$ids" ] || [[ "$ids" == *",$id,"* ]] || continue
+  [ "$id" -gt "$skip" ] || continue
+  [ "$current" = "$file" ] || { restore; current="$file"; original="$out/original"; cp -p "$src/$file" "$original"; }
+  python3 -c 'import json, sys
+lines = open(sys.argv[1], encoding="utf-8").read().split("\n")
+lines[int(sys.argv[2]) - 1] = json.loads(sys.argv[3])
+open(sys.argv[1], "w", encoding="utf-8").write("\n".join(lines))' "$src/$file" "$line" "$text"
+  diff=$(diff -u --label "a/$file" --label "b/$file" "$original" "$src/$file" || true)
+  first=$(first_tests "$file")
+  if ! { [ -n "$first" ] && build_some "$first"; } && ! build_all; then
+    stillborn=$((stillborn + 1)); verdict="does not compile"
+  else
+    if ! run_tests "$first"; then
+      killed=$((killed + 1)); verdict="killed by $(failed_tests)"
+    elif [ -n "$first" ] && ! { build_all && run_tests "" "$first"; }; then
+      killed=$((killed + 1)); verdict="killed by $(failed_tests), not by its own tests"
+    else
+      survived=$((survived + 1)); verdict="SURVIVED"
+      printf '#%s %s:%s (%s)\n%s\n\n' "$id" "$file" "$line" "$kind" "$diff" >>"$out/survivors.txt"
+    fi
+  fi
+  cp "$original" "$src/$file"
+  echo "mutant $id $file:$line ($kind): $verdict [so far $killed of $((killed + survived)) killed]" >&2
+  [ "$verdict" != SURVIVED ] || echo "$diff" >&2
+done < <(grep -v '^mutants:' "$out/sample.tsv")
+restore
+build_all || true
+
+total=$((killed + survived))
+echo
+cat "$out/survivors.txt"
+if [ "$total" -gt 0 ]; then
+  echo "mutants: score $((100 * killed / total))% — $killed killed, $survived survived, $stillborn did not compile (not counted)"
+else
+  echo "mutants: no mutant compiled"
+fi
