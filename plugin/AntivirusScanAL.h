@@ -121,6 +121,7 @@ private:
     bool PushBackupStatus(bool& status, bool& again);
     bool ApplyCountedBackupCall(bool status);
     void RepeatBackupPush(bool again);
+    DWORD GetUnlistedFeatureStatus(const wchar_t* function, const StringW& name, bool* isLocked);
 
     // Core temp folder and crash handler
     void InitCoreTempFolder();

@@ -150,34 +150,21 @@ DWORD AntivirusScanAL::SetFeatureStatus(const StringW& name, bool isLocked) {
     });
 }
 
+// A known name is answered here and nothing else runs: no allocation and no call that can throw,
+// so no exception guard, and no local whose address is taken, so the hardened build adds no stack
+// canary to the path that every scan decision takes. Every other name goes to
+// GetUnlistedFeatureStatus, which lives in its own source so that it is never inlined back here.
 DWORD AntivirusScanAL::GetFeatureStatus(const StringW& name, bool* isLocked) {
     QV_FUNCTION(L"AntivirusScanAL::GetFeatureStatus");
     if (IsNullArgument(qvFunctionName_, isLocked)) return kInvalidParameter;
-    return GuardedSlot(qvFunctionName_, [&]() -> DWORD {
-        {
-            auto lock = stateLock.Lock();
-            if (const bool* known = featureLocks.FindConst(name)) {
-                *isLocked = *known;
-                return kSuccess;
-            }
-        }
-        // A refused name is never stored and names compare in full length, so only a name the
-        // table does not know needs the check: it stays off the path of known features. It is
-        // made outside the lock, since a refusal is logged.
-        if (!AcceptFeatureName(qvFunctionName_, name)) return kInvalidParameter;
+    {
         auto lock = stateLock.Lock();
-        if (const bool* known = featureLocks.FindConst(name)) { // set by another thread meanwhile
+        if (const bool* known = featureLocks.FindConst(name)) {
             *isLocked = *known;
             return kSuccess;
         }
-        // Unknown features count as locked.
-        bool locked = true;
-        SettingsSection section(settingsPlugin);
-        if (section && !section->GetBool(name.c_str(), locked)) locked = true;
-        featureLocks.Set(name, locked);
-        *isLocked = locked;
-        return kSuccess;
-    });
+    }
+    return GetUnlistedFeatureStatus(qvFunctionName_, name, isLocked);
 }
 
 bool AntivirusScanAL::ApplyBackupStatus(bool status) {

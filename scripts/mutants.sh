@@ -2,11 +2,12 @@
 # Mutation run: makes small source-level slips in entry/, plugin/ and support/, one at a time,
 # rebuilds and runs the tests, and reports which slips no test noticed. Not part of CI: it takes
 # hours for a full sample. See tests/README.md.
-#   bash scripts/mutants.sh [-n COUNT] [-s SEED] [-t SECONDS] [-f REGEX] [-i IDS] [-k K] [-l]
+#   bash scripts/mutants.sh [-n COUNT] [-s SEED] [-t SECONDS] [-f REGEX] [-i IDS] [-k K] [-e E] [-l]
 #     -n  mutants in the sample (150)        -s  seed of the sample (1)
 #     -t  time limit of each test program (120)  -f  only files whose path matches REGEX
 #     -i  only these mutants of the sample (comma-separated numbers, e.g. the survivors of a run)
 #     -k  skip the first K mutants of the sample (to go on with a run that was cut short)
+#     -e  stop after mutant E (to share a sample between two mutation trees)
 #     -l  list the sample and stop
 # The sources are copied into the mutation tree (AVSCAN_MUTANTS, default build-mutants/) and
 # mutated there, so the working tree is never touched; the copy's file is restored after each
@@ -14,11 +15,11 @@
 # first, the rest only when those pass. A mutant that does not compile is not counted.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
-count=150 seed=1 limit=120 filter='' ids='' skip=0 list_only=0
-while getopts "n:s:t:f:i:k:l" opt; do
+count=150 seed=1 limit=120 filter='' ids='' skip=0 last=1000000 list_only=0
+while getopts "n:s:t:f:i:k:e:l" opt; do
   case "$opt" in
-    n) count="$OPTARG" ;; s) seed="$OPTARG" ;; t) limit="$OPTARG" ;; f) filter="$OPTARG" ;; i) ids=",$OPTARG," ;; k) skip="$OPTARG" ;; l) list_only=1 ;;
-    *) sed -n '5,11p' "$0" >&2; exit 2 ;;
+    n) count="$OPTARG" ;; s) seed="$OPTARG" ;; t) limit="$OPTARG" ;; f) filter="$OPTARG" ;; i) ids=",$OPTARG," ;; k) skip="$OPTARG" ;; e) last="$OPTARG" ;; l) list_only=1 ;;
+    *) sed -n '5,12p' "$0" >&2; exit 2 ;;
   esac
 done
 root="${AVSCAN_MUTANTS:-$here/build-mutants}"
@@ -32,9 +33,11 @@ mkdir -p "$src" "$out"
   cmp -s "$here/$f" "$src/$f" || { mkdir -p "$(dirname "$src/$f")" && cp "$here/$f" "$src/$f"; }
 done
 
-# The sample: every candidate slip of every source, in a fixed order, then a seeded choice.
+# The sample: every candidate slip of every source, each ranked by a seeded hash of its file, its
+# kind and the text of its line before and after, and the lowest ranks taken. An edit elsewhere
+# leaves the rest of the sample as it was, so the survivors of one run are still in the next.
 python3 - "$src" "$seed" "$count" "$filter" >"$out/sample.tsv" <<'EOF'
-import glob, json, random, re, sys
+import collections, glob, hashlib, json, re, sys
 src, seed, count, pattern = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), sys.argv[4]
 SWAPS = [(" == ", " != "), (" != ", " == "), (" < ", " <= "), (" <= ", " < "), (" > ", " >= "),
          (" >= ", " > "), (" && ", " || "), (" || ", " && "), (" + 1", " - 1"), (" - 1", " + 1"),
@@ -46,12 +49,13 @@ def blank_strings(line):  # string and character literals and // comments cannot
     line = re.sub(r'L?"(\\.|[^"\\])*"', lambda m: "\x01" * len(m.group(0)), line)
     line = re.sub(r"'(\\.|[^'\\])*'", lambda m: "\x01" * len(m.group(0)), line)
     return line.split("//")[0]
-mutants = []
+mutants, lines_of = [], {}
 for path in sorted(glob.glob(src + "/entry/*.cpp") + glob.glob(src + "/plugin/*.cpp") + glob.glob(src + "/support/*.cpp")):
     rel = path[len(src) + 1:]
     if pattern and not re.search(pattern, rel):
         continue
-    for no, line in enumerate(open(path, encoding="utf-8").read().split("\n"), 1):
+    lines_of[rel] = open(path, encoding="utf-8").read().split("\n")
+    for no, line in enumerate(lines_of[rel], 1):
         code = blank_strings(line)
         if not code.strip() or code.lstrip().startswith(("#", "*", "/*")):
             continue
@@ -77,7 +81,13 @@ for path in sorted(glob.glob(src + "/entry/*.cpp") + glob.glob(src + "/plugin/*.
             add("removed call", 0, len(line), "")
         elif re.match(r"^\s*[\w.\->\[\]]+ (=|\+=|-=|\|=|&=) [^=].*;\s*$", code) and code.count("(") == code.count(")"):
             add("removed statement", 0, len(line), "")
-chosen = random.Random(seed).sample(mutants, min(count, len(mutants)))
+seen = collections.Counter()
+def rank(mutant):  # the same slip on identical lines of one file is told apart by its occurrence
+    rel, no, kind, text = mutant
+    key = (rel, kind, lines_of[rel][no - 1].strip(), text.strip())
+    seen[key] += 1
+    return hashlib.sha256(json.dumps([seed, *key, seen[key]]).encode()).hexdigest()
+chosen = sorted(mutants, key=rank)[:count]
 # In the order drawn, so that a run cut short is still a fair sample of its first mutants.
 for i, (rel, no, kind, text) in enumerate(chosen, 1):
     print("\t".join([str(i), rel, str(no), kind, json.dumps(text)]))
@@ -88,6 +98,7 @@ if [ "$list_only" -eq 1 ]; then cat "$out/sample.tsv"; exit 0; fi
 # The tests that a source needs first; a source not named here runs the whole suite at once.
 first_tests() {
   case "$1" in
+    entry/DllMain.cpp) echo "test_entry|test_no_hang" ;;
     entry/*) echo "test_entry|test_bad_input" ;;
     plugin/Switches.cpp | plugin/FeatureNames.cpp) echo "test_switches" ;;
     plugin/ScanModes.cpp) echo "test_scan_modes" ;;
@@ -97,15 +108,17 @@ first_tests() {
     plugin/Reload.cpp) echo "test_reload" ;;
     plugin/Recovery.cpp | plugin/Telemetry.cpp) echo "test_recovery" ;;
     plugin/RemoteOnlyFiles.cpp) echo "test_remote_only_files" ;;
-    plugin/Sinks.cpp) echo "test_sinks|test_plugin_sinks" ;;
-    plugin/Lifecycle.cpp | plugin/ServPlugin.cpp) echo "test_lifecycle|test_host_plugins" ;;
+    plugin/Sinks.cpp) echo "test_plugin_sinks" ;;
+    plugin/Lifecycle.cpp | plugin/ServPlugin.cpp) echo "test_lifecycle|test_host_plugins|test_no_hang" ;;
     support/StringT.cpp) echo "test_string" ;;
     support/SyncRWLock.cpp) echo "test_rwlock|test_rwlock_memory" ;;
     support/Log.cpp | support/FunctionTrace.cpp) echo "test_logging" ;;
-    support/QvValue*.cpp) echo "test_value" ;;
+    support/QvValue*.cpp) echo "test_value|test_settings" ;;
     support/FileUtil.cpp | support/FolderHandle.cpp | support/NtFile.cpp | support/DirectoryWalker.cpp)
       echo "test_fileutil|test_deletion_safety" ;;
-    support/RundownProtection.cpp) echo "test_shutdown_race|test_entry" ;;
+    support/RundownProtection.cpp | support/ProcessExit.cpp) echo "test_shutdown_race|test_entry|test_no_hang" ;;
+    support/WineChecks.cpp | support/VolumeRoot.cpp | support/FileIdentity.cpp) echo "test_volumes|test_file_layer" ;;
+    support/FileCalls.cpp | support/DeleteByHandle.cpp) echo "test_file_layer|test_deletion_safety" ;;
     *) echo "" ;;
   esac
 }
@@ -132,7 +145,7 @@ build_all || { tail -30 "$out/build.log"; exit 1; }
 source "$src/scripts/wine-env.sh" "$build"
 # wine-env.sh sets an EXIT trap of its own (it stops the wineserver): keep both.
 trap 'restore; /usr/lib/wine/wineserver -k >/dev/null 2>&1 || true' EXIT
-export AVSCAN_STRESS_SECONDS=3
+export AVSCAN_STRESS_SECONDS=3 AVSCAN_SWAP_ITERATIONS=100
 run_tests() { # regex (empty: all), exclude regex
   local args=(--test-dir "$build" --timeout "$limit" -j"$(nproc)" --stop-on-failure)
   [ -n "$1" ] && args+=(-R "^($1)\$")
@@ -145,9 +158,10 @@ run_tests "" || { echo "mutants: the unmutated tree fails its tests; see $out/ct
 failed_tests() { sed -n 's/^[[:space:]]*[0-9]* - \(test_[a-z_]*\) (.*/\1/p' "$out/ctest.log" | xargs | tr ' ' ','; }
 killed=0 survived=0 stillborn=0
 : >"$out/survivors.txt"
+: >"$out/verdicts.txt"
 while IFS=$'\t' read -r id file line kind text; do
   [ -z "$ids" ] || [[ "$ids" == *",$id,"* ]] || continue
-  [ "$id" -gt "$skip" ] || continue
+  [ "$id" -gt "$skip" ] && [ "$id" -le "$last" ] || continue
   [ "$current" = "$file" ] || { restore; current="$file"; original="$out/original"; cp -p "$src/$file" "$original"; }
   python3 -c 'import json, sys
 lines = open(sys.argv[1], encoding="utf-8").read().split("\n")
@@ -168,7 +182,7 @@ open(sys.argv[1], "w", encoding="utf-8").write("\n".join(lines))' "$src/$file" "
     fi
   fi
   cp "$original" "$src/$file"
-  echo "mutant $id $file:$line ($kind): $verdict [so far $killed of $((killed + survived)) killed]" >&2
+  echo "mutant $id $file:$line ($kind): $verdict [so far $killed of $((killed + survived)) killed]" | tee -a "$out/verdicts.txt" >&2
   [ "$verdict" != SURVIVED ] || echo "$diff" >&2
 done < <(grep -v '^mutants:' "$out/sample.tsv")
 restore
