@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Mutation run: makes small source-level slips in entry/, plugin/ and support/, one at a time,
 # rebuilds and runs the tests, and reports which slips no test noticed. Not part of CI: it takes
-# hours for a full sample. See tests/README.md.
+# hours for a full sample. The score leaves out the survivors listed, each with the reason no test
+# can tell it from the original, in tests/mutants-equivalent.tsv; see tests/README.md.
 #   bash scripts/mutants.sh [-n COUNT] [-s SEED] [-t SECONDS] [-f REGEX] [-i IDS] [-k K] [-e E] [-l]
 #     -n  mutants in the sample (150)        -s  seed of the sample (1)
 #     -t  time limit of each test program (120)  -f  only files whose path matches REGEX
@@ -19,7 +20,7 @@ count=150 seed=1 limit=120 filter='' ids='' skip=0 last=1000000 list_only=0
 while getopts "n:s:t:f:i:k:e:l" opt; do
   case "$opt" in
     n) count="$OPTARG" ;; s) seed="$OPTARG" ;; t) limit="$OPTARG" ;; f) filter="$OPTARG" ;; i) ids=",$OPTARG," ;; k) skip="$OPTARG" ;; e) last="$OPTARG" ;; l) list_only=1 ;;
-    *) sed -n '5,12p' "$0" >&2; exit 2 ;;
+    *) sed -n '6,13p' "$0" >&2; exit 2 ;;
   esac
 done
 root="${AVSCAN_MUTANTS:-$here/build-mutants}"
@@ -74,7 +75,8 @@ for path in sorted(glob.glob(src + "/entry/*.cpp") + glob.glob(src + "/plugin/*.
                 add("error code", m.start(), m.end(), CODES[(CODES.index(m.group(0)) + 1) % len(CODES)])
         m = re.match(r"^(\s*)(if|while) \((.*)\)( \{|)$", code)
         if m and code.count("(") == code.count(")"):
-            add("inverted condition", len(m.group(1)) + len(m.group(2)) + 2, len(code) - len(m.group(4)) - 1, "!(" + m.group(3) + ")")
+            start, end = len(m.group(1)) + len(m.group(2)) + 2, len(code) - len(m.group(4)) - 1
+            add("inverted condition", start, end, "!(" + line[start:end] + ")")  # the line's text, literals and all
         if re.match(r"^\s*auto \w+ = \w+\.Lock\(\);\s*$", code):
             add("removed lock guard", 0, len(line), "")
         elif re.match(r"^\s*(\(void\))?[\w:.>\-]+(\(.*\))?(\.|->)?[\w:]*\(.*\);\s*$", code) and not code.lstrip().startswith("return"):
@@ -156,7 +158,29 @@ run_tests "" || { echo "mutants: the unmutated tree fails its tests; see $out/ct
 
 # The programs that failed (or timed out) in the last run.
 failed_tests() { sed -n 's/^[[:space:]]*[0-9]* - \(test_[a-z_]*\) (.*/\1/p' "$out/ctest.log" | xargs | tr ' ' ','; }
-killed=0 survived=0 stillborn=0
+# Survivors judged equivalent (no test can tell them from the original), each with its reason:
+# file, the line before and after the slip, the non-blank line above it (all trimmed) and the reason,
+# tab-separated.
+equivalents="$here/tests/mutants-equivalent.tsv"
+equivalent_reason() { # original file, mutated file, line number
+  python3 - "$equivalents" "$file" "$1" "$2" "$3" <<'PY'
+import sys
+table, rel, original, mutated, no = sys.argv[1:6]
+no = int(no)
+before = open(original, encoding="utf-8").read().split("\n")
+after = open(mutated, encoding="utf-8").read().split("\n")
+above = next((l.strip() for l in reversed(before[:no - 1]) if l.strip()), "")
+try:
+    rows = [l.rstrip("\n").split("\t") for l in open(table, encoding="utf-8") if l.strip() and not l.startswith("#")]
+except OSError:
+    rows = []
+for row in rows:
+    if len(row) == 5 and row[:4] == [rel, before[no - 1].strip(), after[no - 1].strip(), above]:
+        print(row[4])
+        break
+PY
+}
+killed=0 survived=0 stillborn=0 equivalent=0
 : >"$out/survivors.txt"
 : >"$out/verdicts.txt"
 while IFS=$'\t' read -r id file line kind text; do
@@ -178,12 +202,17 @@ open(sys.argv[1], "w", encoding="utf-8").write("\n".join(lines))' "$src/$file" "
       killed=$((killed + 1)); verdict="killed by $(failed_tests), not by its own tests"
     else
       survived=$((survived + 1)); verdict="SURVIVED"
-      printf '#%s %s:%s (%s)\n%s\n\n' "$id" "$file" "$line" "$kind" "$diff" >>"$out/survivors.txt"
+      reason=$(equivalent_reason "$original" "$src/$file" "$line")
+      if [ -n "$reason" ]; then
+        equivalent=$((equivalent + 1)); verdict="SURVIVED, judged equivalent: $reason"
+      fi
+      printf '#%s %s:%s (%s)%s\n%s\n\n' "$id" "$file" "$line" "$kind" "${reason:+ judged equivalent: $reason}" "$diff" \
+        >>"$out/survivors.txt"
     fi
   fi
   cp "$original" "$src/$file"
   echo "mutant $id $file:$line ($kind): $verdict [so far $killed of $((killed + survived)) killed]" | tee -a "$out/verdicts.txt" >&2
-  [ "$verdict" != SURVIVED ] || echo "$diff" >&2
+  [[ "$verdict" != SURVIVED* ]] || echo "$diff" >&2
 done < <(grep -v '^mutants:' "$out/sample.tsv")
 restore
 build_all || true
@@ -192,7 +221,10 @@ total=$((killed + survived))
 echo
 cat "$out/survivors.txt"
 if [ "$total" -gt 0 ]; then
-  echo "mutants: score $((100 * killed / total))% — $killed killed, $survived survived, $stillborn did not compile (not counted)"
+  echo "mutants: $killed killed, $survived survived ($equivalent of them judged equivalent in $equivalents), $stillborn did not compile (not counted)"
+  echo "mutants: $((100 * killed / total))% of the $total that compiled killed"
+  [ "$total" -gt "$equivalent" ] &&
+    echo "mutants: score $((100 * killed / (total - equivalent)))% — $killed killed of the $((total - equivalent)) not judged equivalent"
 else
   echo "mutants: no mutant compiled"
 fi

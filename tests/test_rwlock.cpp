@@ -192,6 +192,14 @@ const ChildMode childModes[] = {
          l.AcquireWrite(0);
          l.ReleaseRead(0);
      }},
+    {"rwlock-release-read-of-reading-writer",
+     [] {
+         ExitOnTerminate();
+         CSyncRWLock l;
+         l.AcquireWrite(4242);
+         l.AcquireRead(4242);
+         l.ReleaseRead(0);
+     }},
     {"rwlock-release-write-of-other",
      [] {
          ExitOnTerminate();
@@ -222,7 +230,8 @@ const ChildMode childModes[] = {
 
 TEST(SyncRWLockMisuse, EachMisuseEndsTheProcessThroughTerminate) {
     for (const char* name : {"rwlock-release-read-free", "rwlock-release-read-of-other", "rwlock-writer-releases-read",
-                             "rwlock-release-write-of-other", "rwlock-release-write-free", "rwlock-upgrade"}) {
+                             "rwlock-release-read-of-reading-writer", "rwlock-release-write-of-other",
+                             "rwlock-release-write-free", "rwlock-upgrade"}) {
         EXPECT_EQ(kTerminatedExit, RunChild(name)) << name;
     }
     EXPECT_EQ(0u, RunChild("rwlock-legal"));

@@ -1,6 +1,7 @@
 // The guarded wide string: growth, block layout, formatting, UTF-8, parsing and corruption.
 #include "sdk/StringT.h"
 #include "tests/common/ChildProcess.h"
+#include "tests/common/ImportFaults.h"
 
 #include <gtest/gtest.h>
 
@@ -98,6 +99,49 @@ TEST(String, Utf8RoundTripsOutsideTheBasicPlane) {
                                     "b"); // replacement characters, not a failure
     EXPECT_EQ(L'a', bad[0]);
     EXPECT_EQ(L'b', bad[bad.Length() - 1]);
+}
+
+// Windows refuses UTF-8 conversions asked with any flag but the invalid-character one
+// (ERROR_INVALID_FLAGS); Wine converts all the same. The program's own imports are held to the
+// documented rule, so that a conversion asked with another flag fails here as it would there.
+using MultiByteToWideCharFn = int(WINAPI*)(UINT, DWORD, LPCCH, int, LPWSTR, int);
+using WideCharToMultiByteFn = int(WINAPI*)(UINT, DWORD, LPCWCH, int, LPSTR, int, LPCCH, LPBOOL);
+MultiByteToWideCharFn realToWide = nullptr;
+WideCharToMultiByteFn realToUtf8 = nullptr;
+
+int WINAPI StrictToWide(UINT page, DWORD flags, LPCCH text, int count, LPWSTR out, int room) {
+    if (page == CP_UTF8 && (flags & ~static_cast<DWORD>(MB_ERR_INVALID_CHARS)) != 0) {
+        SetLastError(ERROR_INVALID_FLAGS);
+        return 0;
+    }
+    return realToWide(page, flags, text, count, out, room);
+}
+
+int WINAPI StrictToUtf8(UINT page, DWORD flags, LPCWCH text, int count, LPSTR out, int room, LPCCH fill, LPBOOL used) {
+    if (page == CP_UTF8 && ((flags & ~static_cast<DWORD>(WC_ERR_INVALID_CHARS)) != 0 || fill || used)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    return realToUtf8(page, flags, text, count, out, room, fill, used);
+}
+
+TEST(String, Utf8ConversionsKeepToWindowsFlagRules) {
+    const HMODULE self = GetModuleHandleW(nullptr);
+    ASSERT_TRUE(testing_support::PatchImport(self, "kernel32.dll", "MultiByteToWideChar",
+                                             reinterpret_cast<void*>(&StrictToWide),
+                                             reinterpret_cast<void**>(&realToWide)));
+    ASSERT_TRUE(testing_support::PatchImport(self, "kernel32.dll", "WideCharToMultiByte",
+                                             reinterpret_cast<void*>(&StrictToUtf8),
+                                             reinterpret_cast<void**>(&realToUtf8)));
+    const std::string utf8 = "\xC3\xA9t\xC3\xA9 \xE6\x97\xA5";
+    const StringW wide = StringW::FromUtf8(utf8);
+    EXPECT_EQ(std::wstring(L"\u00E9t\u00E9 \u65E5"), std::wstring(wide.c_str()));
+    EXPECT_EQ(utf8, wide.ToUtf8());
+    void* ignored = nullptr;
+    testing_support::PatchImport(self, "kernel32.dll", "MultiByteToWideChar", reinterpret_cast<void*>(realToWide),
+                                 &ignored);
+    testing_support::PatchImport(self, "kernel32.dll", "WideCharToMultiByte", reinterpret_cast<void*>(realToUtf8),
+                                 &ignored);
 }
 
 TEST(String, ComparesAndScans) {

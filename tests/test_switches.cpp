@@ -2,9 +2,12 @@
 // the IAntivirusScan slots as other plug-ins call them: results, store writes, the backup option
 // pushed to the scan service provider, and the settings events heard by a registered sink.
 #include "tests/common/EventRecorder.h"
+#include "tests/common/FaultInjection.h"
 #include "tests/common/ScanSlots.h"
 
 #include <gtest/gtest.h>
+#include <algorithm>
+#include <thread>
 
 namespace {
 
@@ -234,6 +237,28 @@ TEST_F(Switches, FeatureNamesThatReachOtherKeysAreRefused) {
 }
 
 // Init's last step pushes the loaded backup flag to the scan provider, whatever its value.
+// Two EnableBackup calls meet at the provider, which may take either value last: the last call to
+// end pushes the record's value once more, and a push that fails is a warning of its own.
+TEST_F(Switches, OverlappingBackupCallsPushTheRecordOnceMore) {
+    FaultyHost faults(plugin.env);
+    Start();
+    const std::string site = "ScanSp::SetOption(9)";
+    faults.plan.Arm(site, 3);
+    DWORD second = kInjectedError;
+    faults.plan.HoldFirst(site, [&] {
+        std::thread other([&] { second = EnableBackup(plugin.scan, true); });
+        other.join();
+    });
+    EXPECT_EQ(0u, EnableBackup(plugin.scan, true));
+    EXPECT_EQ(0u, second);
+    const std::vector<std::string> sites = faults.plan.Sites();
+    EXPECT_EQ(3, std::count(sites.begin(), sites.end(), site));
+    EXPECT_TRUE(faults.plan.Failed());
+    EXPECT_TRUE(BackupOf(plugin.scan));
+    EXPECT_TRUE(LineIn(L"Cannot apply backup status [value = 1]", 8, L"AntivirusScanAL::RefreshBackupStatus"));
+    plugin.StopAll(); // while the siblings it holds, the fault wrappers, are still there
+}
+
 TEST(SwitchesAtInit, AppliesTheStoredBackupStatus) {
     for (bool stored : {true, false}) {
         PluginUnderTest fresh;

@@ -194,6 +194,10 @@ template <class Fn> bool Patch(HMODULE module, const char* library, const char* 
 
 } // namespace
 
+bool PatchImport(HMODULE module, const char* library, const char* function, void* hook, void** real) {
+    return Patch(module, library, function, hook, real);
+}
+
 bool ImportFaults::Install(HMODULE module) {
     bool ok = true;
     ok &= Patch(module, "msvcrt.dll", "malloc", &HookMalloc, &realMalloc);

@@ -39,6 +39,10 @@ public:
     static const wchar_t* FirstOutside();
 };
 
+// Points the module's import of `function` from `library` at `hook`, the former target kept in
+// `real`; false when the module does not import it.
+bool PatchImport(HMODULE module, const char* library, const char* function, void* hook, void** real);
+
 // Bytes and blocks in use in the C runtime's heap (the one malloc serves), by walking it.
 struct HeapUse {
     size_t bytes = 0;
