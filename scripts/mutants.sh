@@ -147,7 +147,8 @@ build_all || { tail -30 "$out/build.log"; exit 1; }
 source "$src/scripts/wine-env.sh" "$build"
 # wine-env.sh sets an EXIT trap of its own (it stops the wineserver): keep both.
 trap 'restore; /usr/lib/wine/wineserver -k >/dev/null 2>&1 || true' EXIT
-export AVSCAN_STRESS_SECONDS=3 AVSCAN_SWAP_ITERATIONS=100
+# A mutant that loops forever fails its program at the time limit.
+export AVSCAN_STRESS_SECONDS=3 AVSCAN_SWAP_ITERATIONS=100 AVSCAN_TEST_TIMEOUT="$limit"
 run_tests() { # regex (empty: all), exclude regex
   local args=(--test-dir "$build" --timeout "$limit" -j"$(nproc)" --stop-on-failure)
   [ -n "$1" ] && args+=(-R "^($1)\$")

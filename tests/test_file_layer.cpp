@@ -6,9 +6,11 @@
 #include "tests/common/FileSeam.h"
 #include "tests/common/LogAndFileChecks.h"
 #include "tests/common/SymbolicLinks.h"
+#include "support/FileCalls.h"
 #include "support/VolumeRoot.h"
 
 #include <gtest/gtest.h>
+#include <memory>
 
 namespace {
 
@@ -140,6 +142,99 @@ TEST(FileLayer, MountPointsAndShareRootsAreRootsToo) {
     for (const wchar_t* relative : {L"Q:scansp", L"\\scansp", L"scansp", L"..\\scansp"})
         EXPECT_FALSE(qv::file::CanonicalPath(relative, canonical)) << Narrow(relative);
     RemoveFolder(top);
+}
+
+// What a folder is, asked of the volume: its path within the volume (GetFinalPathNameByHandleW with
+// VOLUME_NAME_NONE, "\\" for a root; the length without the terminator when it fits, else the
+// size needed with it) and the mount point of its path (GetVolumePathNameW). Either saying root
+// makes it one; a folder that neither can answer for is taken as one too.
+struct VolumeAnswers {
+    const wchar_t* inVolume;   // null: the query fails
+    const wchar_t* mountPoint; // null: the query fails; "": the folder's own path with a backslash
+};
+VolumeAnswers g_answers{};
+std::wstring g_folder;
+
+DWORD WINAPI PlayedFinalPath(HANDLE, LPWSTR out, DWORD room, DWORD) {
+    if (!g_answers.inVolume) {
+        SetLastError(ERROR_INVALID_FUNCTION);
+        return 0;
+    }
+    const DWORD n = static_cast<DWORD>(wcslen(g_answers.inVolume));
+    if (n >= room) return n + 1;
+    wmemcpy(out, g_answers.inVolume, n + 1);
+    return n;
+}
+
+BOOL WINAPI PlayedMountPoint(LPCWSTR, LPWSTR out, DWORD room) {
+    if (!g_answers.mountPoint) {
+        SetLastError(ERROR_INVALID_FUNCTION);
+        return FALSE;
+    }
+    const std::wstring answer = *g_answers.mountPoint ? g_answers.mountPoint : g_folder + L"\\";
+    if (answer.size() >= room) {
+        SetLastError(ERROR_FILENAME_EXCED_RANGE);
+        return FALSE;
+    }
+    wmemcpy(out, answer.c_str(), answer.size() + 1);
+    return TRUE;
+}
+
+TEST(FileLayer, AFolderIsARootWhenItsVolumeSaysSo) {
+    g_folder = TempFolder(L"rootanswers");
+    qv::StringW path;
+    ASSERT_TRUE(qv::file::CanonicalPath(g_folder.c_str(), path));
+    auto folder = std::make_unique<qv::file::FolderHandle>();
+    ASSERT_EQ(0u, folder->Open(path.c_str()));
+    qv::file::FileCalls played = qv::file::SystemCalls();
+    played.finalPathName = &PlayedFinalPath;
+    played.volumePathName = &PlayedMountPoint;
+    qv::file::ReplaceCalls(&played);
+    const struct {
+        VolumeAnswers answers;
+        bool root;
+    } cases[] = {
+        {{L"\\", nullptr}, true},                   // a drive or share root, its mount point not known
+        {{L"\\", L"C:\\"}, true},                   // the same, whatever the mount point says
+        {{L"\\Temp\\x", L""}, true},                // a volume mounted in this folder
+        {{L"\\Temp\\x", L"C:\\"}, false},           // a folder on the C: volume
+        {{L"\\T", L"C:\\"}, false},                 // short, and still no root
+        {{L"\\Users\\a\\Temp\\x", nullptr}, false}, // longer than the first buffer: asked no further
+        {{nullptr, L"C:\\"}, false},                // no final names (a share): the mount point decides
+        {{nullptr, L""}, true},
+        {{nullptr, nullptr}, true}, // no answer at all: the safe side
+    };
+    for (const auto& c : cases) {
+        g_answers = c.answers;
+        EXPECT_EQ(c.root, qv::file::IsVolumeRoot(*folder, path))
+            << Narrow(c.answers.inVolume ? c.answers.inVolume : L"(fails)") << " / "
+            << Narrow(c.answers.mountPoint ? c.answers.mountPoint : L"(fails)");
+    }
+    qv::file::ReplaceCalls(nullptr);
+    folder.reset();
+    RemoveFolder(g_folder);
+}
+
+// Roots and parents by the text of a canonical path alone.
+TEST(FileLayer, RootsAndParentsByTheirText) {
+    for (const wchar_t* root : {L"", L"C:", L"z:", L"\\\\server\\share", L"\\\\server", L"\\\\?\\Volume{1234}"})
+        EXPECT_TRUE(qv::file::IsRootPath(root)) << Narrow(root);
+    for (const wchar_t* folder : {L"C:\\T", L"\\\\server\\share\\x", L"\\\\?\\Volume{1234}\\x"})
+        EXPECT_FALSE(qv::file::IsRootPath(folder)) << Narrow(folder);
+    const struct {
+        const wchar_t* path;
+        const wchar_t* parent; // null: none
+    } parents[] = {{L"C:\\a\\bc", L"C:\\a"},
+                   {L"C:\\a", L"C:"},
+                   {L"\\\\server\\share\\x", L"\\\\server\\share"},
+                   {L"C:\\a\\b\\", L"C:\\a"},
+                   {L"C:", nullptr}};
+    for (const auto& c : parents) {
+        qv::StringW parent;
+        const bool found = qv::file::ParentPath(c.path, parent);
+        EXPECT_EQ(c.parent != nullptr, found) << Narrow(c.path);
+        if (found && c.parent) EXPECT_EQ(std::wstring(c.parent), std::wstring(parent.c_str())) << Narrow(c.path);
+    }
 }
 
 // DeleteFileW leaves a read-only file: the cache and remote-only steps keep it and log error 5.

@@ -90,11 +90,13 @@ TEST_F(FileUtil, CreateFolderTreeMakesEveryLevelAndAcceptsAnExistingLeaf) {
 }
 
 TEST_F(FileUtil, DeleteFolderTreeRemovesNestedFoldersAndReadOnlyFiles) {
-    // Names next to "." and ".." that are entries all the same: two characters, and two dots first.
-    MakeDirs({L"tree", L"tree\\sub", L"tree\\sub\\deeper", L"tree\\..x"});
+    // Names next to "." and ".." that are entries all the same (two characters, two dots first),
+    // and a folder of one character, whose path ends in a separator and that character.
+    MakeDirs({L"tree", L"tree\\sub", L"tree\\sub\\deeper", L"tree\\..x", L"tree\\s"});
     Write(L"tree\\a.txt", "a");
     Write(L"tree\\ab", "ab");
     Write(L"tree\\..x\\.y", "y");
+    Write(L"tree\\s\\f", "f");
     Write(L"tree\\sub\\ro.txt", "ro", true);
     Write(L"tree\\sub\\deeper\\ro2.txt", "ro", true);
     ASSERT_TRUE(SetFileAttributesW(Path(L"tree\\sub\\deeper").c_str(), FILE_ATTRIBUTE_READONLY));
