@@ -19,7 +19,8 @@ bool CreateFolderTree(const wchar_t* path);
 // Deletes the folder with everything inside it; true only if everything was deleted. The tree
 // is walked through folder handles (support/FolderHandle.h): symbolic links and junctions are
 // removed as links and never followed; where the platform cannot remove a link without reaching
-// through it, the link stays and the result is false.
+// through it, the link stays and the result is false. Folders more than 128 levels below `path`
+// stay too (the walk recurses, and the caller's stack is not risked on a tree of any depth).
 bool DeleteFolderTree(const wchar_t* path);
 
 } // namespace file

@@ -71,6 +71,7 @@ TEST_F(Recovery, StartsAtDelayedStartAndEndsWithARestartOnceTheEnginesLoad) {
     EXPECT_EQ(0, plugin.env.telemetry.EventCount()) << "nothing happens before the delayed start";
     EXPECT_FALSE(CacheGone(common));
     ASSERT_EQ(0u, plugin.DelayedStart());
+    EXPECT_TRUE(LineIn(L"[(Engines-Recovery)]", 8, L"AntivirusScanAL::DelayedStart"));
 
     const auto events = plugin.env.telemetry.Events();
     ASSERT_EQ(1u, events.size());
