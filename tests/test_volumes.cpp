@@ -162,6 +162,9 @@ TEST_F(Volumes, WhatIsKeptIsSaid) {
     CreateDirectoryW((parent + L"\\locked").c_str(), nullptr);
     WriteBytes(parent + L"\\locked\\in.tmp", "in");
     WriteBytes(parent + L"\\tree\\held.tmp", "held");
+    // Read-only too: the bit is cleared for the second request, and nothing else of the file
+    // changes with it (times of zero are left as they are).
+    SetFileAttributesW((parent + L"\\tree\\held.tmp").c_str(), FILE_ATTRIBUTE_READONLY);
     host::PluginLibrary pin(SeamPluginPath());
     FileSeam seam;
     ASSERT_TRUE(seam.Installed());
@@ -178,6 +181,13 @@ TEST_F(Volumes, WhatIsKeptIsSaid) {
     EXPECT_EQ((std::vector<std::wstring>{L"held.tmp"}), Names(parent + L"\\tree"));
     EXPECT_EQ(1, CountLines(L"Cannot list folder [path = " + parent + L"\\locked] [error = 5]", 8));
     EXPECT_EQ(1, CountLines(L"Entry kept [path = " + parent + L"\\tree\\held.tmp] [error = 5]", 8));
+    WIN32_FILE_ATTRIBUTE_DATA held{};
+    ASSERT_TRUE(GetFileAttributesExW((parent + L"\\tree\\held.tmp").c_str(), GetFileExInfoStandard, &held));
+    for (const FILETIME& time : {held.ftCreationTime, held.ftLastAccessTime, held.ftLastWriteTime}) {
+        SYSTEMTIME when{};
+        ASSERT_TRUE(FileTimeToSystemTime(&time, &when));
+        EXPECT_GE(when.wYear, 2020) << "a time of the kept file was changed";
+    }
     EXPECT_EQ(2, CountStartingWith(L"Entry kept [") + CountStartingWith(L"Cannot list folder ["));
     RemoveFolder(top);
 }
