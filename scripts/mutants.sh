@@ -3,24 +3,26 @@
 # rebuilds and runs the tests, and reports which slips no test noticed. Not part of CI: it takes
 # hours for a full sample. The score leaves out the survivors listed, each with the reason no test
 # can tell it from the original, in tests/mutants-equivalent.tsv; see tests/README.md.
-#   bash scripts/mutants.sh [-n COUNT] [-s SEED] [-t SECONDS] [-f REGEX] [-i IDS] [-k K] [-e E] [-l]
+#   bash scripts/mutants.sh [-n COUNT] [-s SEED] [-t SECONDS] [-f REGEX] [-i IDS] [-k K] [-e E] [-l] [-c]
 #     -n  mutants in the sample (150)        -s  seed of the sample (1)
 #     -t  time limit of each test program (120)  -f  only files whose path matches REGEX
 #     -i  only these mutants of the sample (comma-separated numbers, e.g. the survivors of a run)
 #     -k  skip the first K mutants of the sample (to go on with a run that was cut short)
 #     -e  stop after mutant E (to share a sample between two mutation trees)
 #     -l  list the sample and stop
+#     -c  take the kills (and the mutants that did not compile) that earlier runs in this mutation
+#         tree recorded in results/known.tsv as they are, and run only the rest
 # The sources are copied into the mutation tree (AVSCAN_MUTANTS, default build-mutants/) and
 # mutated there, so the working tree is never touched; the copy's file is restored after each
 # mutant and on any exit. The build there is incremental; the tests the mutated file needs run
 # first, the rest only when those pass. A mutant that does not compile is not counted.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
-count=150 seed=1 limit=120 filter='' ids='' skip=0 last=1000000 list_only=0
-while getopts "n:s:t:f:i:k:e:l" opt; do
+count=150 seed=1 limit=120 filter='' ids='' skip=0 last=1000000 list_only=0 reuse=0
+while getopts "n:s:t:f:i:k:e:lc" opt; do
   case "$opt" in
-    n) count="$OPTARG" ;; s) seed="$OPTARG" ;; t) limit="$OPTARG" ;; f) filter="$OPTARG" ;; i) ids=",$OPTARG," ;; k) skip="$OPTARG" ;; e) last="$OPTARG" ;; l) list_only=1 ;;
-    *) sed -n '6,13p' "$0" >&2; exit 2 ;;
+    n) count="$OPTARG" ;; s) seed="$OPTARG" ;; t) limit="$OPTARG" ;; f) filter="$OPTARG" ;; i) ids=",$OPTARG," ;; k) skip="$OPTARG" ;; e) last="$OPTARG" ;; l) list_only=1 ;; c) reuse=1 ;;
+    *) sed -n '6,14p' "$0" >&2; exit 2 ;;
   esac
 done
 root="${AVSCAN_MUTANTS:-$here/build-mutants}"
@@ -83,16 +85,19 @@ for path in sorted(glob.glob(src + "/entry/*.cpp") + glob.glob(src + "/plugin/*.
             add("removed call", 0, len(line), "")
         elif re.match(r"^\s*[\w.\->\[\]]+ (=|\+=|-=|\|=|&=) [^=].*;\s*$", code) and code.count("(") == code.count(")"):
             add("removed statement", 0, len(line), "")
-seen = collections.Counter()
-def rank(mutant):  # the same slip on identical lines of one file is told apart by its occurrence
-    rel, no, kind, text = mutant
+# A slip's key: its file, kind and line before and after; the same slip on identical lines of one
+# file is told apart by its occurrence.
+seen, ranked = collections.Counter(), []
+for rel, no, kind, text in mutants:
     key = (rel, kind, lines_of[rel][no - 1].strip(), text.strip())
     seen[key] += 1
-    return hashlib.sha256(json.dumps([seed, *key, seen[key]]).encode()).hexdigest()
-chosen = sorted(mutants, key=rank)[:count]
+    rank = hashlib.sha256(json.dumps([seed, *key, seen[key]]).encode()).hexdigest()
+    ranked.append((rank, (rel, no, kind, text), json.dumps([*key, seen[key]])))
+ranked.sort(key=lambda entry: entry[0])
 # In the order drawn, so that a run cut short is still a fair sample of its first mutants.
-for i, (rel, no, kind, text) in enumerate(chosen, 1):
-    print("\t".join([str(i), rel, str(no), kind, json.dumps(text)]))
+for i, (_, (rel, no, kind, text), key) in enumerate(ranked[:count], 1):
+    print("\t".join([str(i), rel, str(no), kind, json.dumps(text), key]))
+chosen = ranked[:count]
 print("mutants: %d candidates, %d in the sample (seed %d)" % (len(mutants), len(chosen), seed), file=sys.stderr)
 EOF
 if [ "$list_only" -eq 1 ]; then cat "$out/sample.tsv"; exit 0; fi
@@ -184,9 +189,19 @@ PY
 killed=0 survived=0 stillborn=0 equivalent=0
 : >"$out/survivors.txt"
 : >"$out/verdicts.txt"
-while IFS=$'\t' read -r id file line kind text; do
+while IFS=$'\t' read -r id file line kind text key; do
   [ -z "$ids" ] || [[ "$ids" == *",$id,"* ]] || continue
   [ "$id" -gt "$skip" ] && [ "$id" -le "$last" ] || continue
+  if [ "$reuse" -eq 1 ]; then
+    known=$(grep -F -m1 -- "$key"$'\t' "$out/known.tsv" 2>/dev/null || true)
+    if [[ "$known" == "$key"$'\t'* ]]; then
+      verdict="${known#*$'\t'}"
+      if [ "$verdict" = "does not compile" ]; then stillborn=$((stillborn + 1)); else killed=$((killed + 1)); fi
+      echo "mutant $id $file:$line ($kind): $verdict (an earlier run) [so far $killed of $((killed + survived)) killed]" |
+        tee -a "$out/verdicts.txt" >&2
+      continue
+    fi
+  fi
   [ "$current" = "$file" ] || { restore; current="$file"; original="$out/original"; cp -p "$src/$file" "$original"; }
   python3 -c 'import json, sys
 lines = open(sys.argv[1], encoding="utf-8").read().split("\n")
@@ -212,6 +227,7 @@ open(sys.argv[1], "w", encoding="utf-8").write("\n".join(lines))' "$src/$file" "
     fi
   fi
   cp "$original" "$src/$file"
+  [[ "$verdict" == SURVIVED* ]] || printf '%s\t%s\n' "$key" "$verdict" >>"$out/known.tsv"
   echo "mutant $id $file:$line ($kind): $verdict [so far $killed of $((killed + survived)) killed]" | tee -a "$out/verdicts.txt" >&2
   [[ "$verdict" != SURVIVED* ]] || echo "$diff" >&2
 done < <(grep -v '^mutants:' "$out/sample.tsv")

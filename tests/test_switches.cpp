@@ -228,15 +228,15 @@ TEST_F(Switches, FeatureNamesThatReachOtherKeysAreRefused) {
     EXPECT_TRUE(HashChainOf(plugin.scan));
     EXPECT_TRUE(SignatureInfoOf(plugin.scan));
 
-    for (const wchar_t* name : {L"Engines", L"enginesX", L"reportHashChains", L"my/engines", L" enableBackup"}) {
+    for (const wchar_t* name :
+         {L"Engines", L"enginesX", L"reportHashChains", L"my/engines", L"a/engines", L" enableBackup"}) {
         EXPECT_EQ(0u, SetFeatureStatus(plugin.scan, name, false)) << name;
         EXPECT_FALSE(FeatureLocked(plugin.scan, name)) << name;
     }
-    EXPECT_EQ(5u, store().SetLog().size());
-    EXPECT_EQ(5u, sink.Take().size());
+    EXPECT_EQ(6u, store().SetLog().size());
+    EXPECT_EQ(6u, sink.Take().size());
 }
 
-// Init's last step pushes the loaded backup flag to the scan provider, whatever its value.
 // Two EnableBackup calls meet at the provider, which may take either value last: the last call to
 // end pushes the record's value once more, and a push that fails is a warning of its own.
 TEST_F(Switches, OverlappingBackupCallsPushTheRecordOnceMore) {
@@ -259,6 +259,7 @@ TEST_F(Switches, OverlappingBackupCallsPushTheRecordOnceMore) {
     plugin.StopAll(); // while the siblings it holds, the fault wrappers, are still there
 }
 
+// Init's last step pushes the loaded backup flag to the scan provider, whatever its value.
 TEST(SwitchesAtInit, AppliesTheStoredBackupStatus) {
     for (bool stored : {true, false}) {
         PluginUnderTest fresh;
