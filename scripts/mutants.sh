@@ -228,6 +228,7 @@ open(sys.argv[1], "w", encoding="utf-8").write("\n".join(lines))' "$src/$file" "
   fi
   cp "$original" "$src/$file"
   [[ "$verdict" == SURVIVED* ]] || printf '%s\t%s\n' "$key" "$verdict" >>"$out/known.tsv"
+  [[ "$verdict" != killed* ]] || cp "$out/ctest.log" "$out/killed-$id.log" # what failed, for a doubt later
   echo "mutant $id $file:$line ($kind): $verdict [so far $killed of $((killed + survived)) killed]" | tee -a "$out/verdicts.txt" >&2
   [[ "$verdict" != SURVIVED* ]] || echo "$diff" >&2
 done < <(grep -v '^mutants:' "$out/sample.tsv")
