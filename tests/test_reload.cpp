@@ -123,6 +123,17 @@ TEST_F(Reload, StatusTwoAfterSuccessOneKeptAfterFailureAndRefreshesEveryTime) {
     EXPECT_EQ(2, Reloads());
 }
 
+// Every installation pushes the backup switch again; a push the provider refuses names the value.
+TEST_F(Reload, BackupPushedAgainAfterAnInstallationNamesTheValueItCouldNotApply) {
+    StartPlugin();
+    ASSERT_EQ(0u, EnableBackup(plugin.scan, true));
+    plugin.env.scanSp.SetOptionResultFor(9, 31);
+    avhost::ClearCapturedLines();
+    EXPECT_EQ(0u, Install());
+    EXPECT_TRUE(LineIn(L"Cannot apply backup status [value = 1]", 8, L"AntivirusScanAL::RefreshBackupStatus"));
+    EXPECT_TRUE(BackupOf(plugin.scan));
+}
+
 // A sink that throws at the end of a reload is fenced there: the reload still counts, and every
 // refresh after it runs.
 TEST_F(Reload, AThrowingSinkSkipsNoLaterStep) {
