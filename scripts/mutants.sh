@@ -10,8 +10,8 @@
 #     -k  skip the first K mutants of the sample (to go on with a run that was cut short)
 #     -e  stop after mutant E (to share a sample between two mutation trees)
 #     -l  list the sample and stop
-#     -c  take the kills (and the mutants that did not compile) that earlier runs in this mutation
-#         tree recorded in results/known.tsv as they are, and run only the rest
+#     -c  take the verdicts that earlier runs in this mutation tree recorded (results/known.tsv)
+#         as they are, and run only the mutants without one and those named by -i
 # The sources are copied into the mutation tree (AVSCAN_MUTANTS, default build-mutants/) and
 # mutated there, so the working tree is never touched; the copy's file is restored after each
 # mutant and on any exit. The build there is incremental; the tests the mutated file needs run
@@ -197,25 +197,46 @@ PY
 killed=0 survived=0 stillborn=0 equivalent=0
 : >"$out/survivors.txt"
 : >"$out/verdicts.txt"
+# Writes the sample's line `text` (JSON) at line `line` of the copy of `file` into `into`.
+mutate() { # file, line, text, into
+  python3 -c 'import json, sys
+lines = open(sys.argv[1], encoding="utf-8").read().split("\n")
+lines[int(sys.argv[2]) - 1] = json.loads(sys.argv[3])
+open(sys.argv[4], "w", encoding="utf-8").write("\n".join(lines))' "$1" "$2" "$3" "$4"
+}
+# A survivor: counted, checked against the equivalents and listed with its diff.
+survivor() { # original copy, mutated copy
+  survived=$((survived + 1)); verdict="SURVIVED"
+  reason=$(equivalent_reason "$1" "$2" "$line")
+  if [ -n "$reason" ]; then
+    equivalent=$((equivalent + 1)); verdict="SURVIVED, judged equivalent: $reason"
+  fi
+  diff=$(diff -u --label "a/$file" --label "b/$file" "$1" "$2" || true)
+  printf '#%s %s:%s (%s)%s\n%s\n\n' "$id" "$file" "$line" "$kind" "${reason:+ judged equivalent: $reason}" "$diff" \
+    >>"$out/survivors.txt"
+}
 while IFS=$'\t' read -r id file line kind text key; do
-  [ -z "$ids" ] || [[ "$ids" == *",$id,"* ]] || continue
+  named=0
+  [[ "$ids" == *",$id,"* ]] && named=1
+  [ "$reuse" -eq 1 ] || [ -z "$ids" ] || [ "$named" -eq 1 ] || continue
   [ "$id" -gt "$skip" ] && [ "$id" -le "$last" ] || continue
-  if [ "$reuse" -eq 1 ]; then
-    known=$(grep -F -m1 -- "$key"$'\t' "$out/known.tsv" 2>/dev/null || true)
+  # With -c a mutant not named by -i takes the verdict an earlier run recorded, if any.
+  if [ "$reuse" -eq 1 ] && [ "$named" -eq 0 ]; then
+    known=$(grep -F -- "$key"$'\t' "$out/known.tsv" 2>/dev/null | tail -n 1 || true)
     if [[ "$known" == "$key"$'\t'* ]]; then
       verdict="${known#*$'\t'}"
-      if [ "$verdict" = "does not compile" ]; then stillborn=$((stillborn + 1)); else killed=$((killed + 1)); fi
+      case "$verdict" in
+        "does not compile") stillborn=$((stillborn + 1)) ;;
+        SURVIVED*) restore; mutate "$src/$file" "$line" "$text" "$out/mutated"; survivor "$src/$file" "$out/mutated" ;;
+        *) killed=$((killed + 1)) ;;
+      esac
       echo "mutant $id $file:$line ($kind): $verdict (an earlier run) [so far $killed of $((killed + survived)) killed]" |
         tee -a "$out/verdicts.txt" >&2
       continue
     fi
   fi
   [ "$current" = "$file" ] || { restore; current="$file"; original="$out/original"; cp -p "$src/$file" "$original"; }
-  python3 -c 'import json, sys
-lines = open(sys.argv[1], encoding="utf-8").read().split("\n")
-lines[int(sys.argv[2]) - 1] = json.loads(sys.argv[3])
-open(sys.argv[1], "w", encoding="utf-8").write("\n".join(lines))' "$src/$file" "$line" "$text"
-  diff=$(diff -u --label "a/$file" --label "b/$file" "$original" "$src/$file" || true)
+  mutate "$original" "$line" "$text" "$src/$file"
   first=$(first_tests "$file")
   if ! { [ -n "$first" ] && build_some "$first"; } && ! build_all; then
     stillborn=$((stillborn + 1)); verdict="does not compile"
@@ -225,17 +246,14 @@ open(sys.argv[1], "w", encoding="utf-8").write("\n".join(lines))' "$src/$file" "
     elif [ -n "$first" ] && ! { build_all && run_tests "" "$first"; } && failed_again; then
       killed=$((killed + 1)); verdict="killed by $(failed_tests), not by its own tests"
     else
-      survived=$((survived + 1)); verdict="SURVIVED"
-      reason=$(equivalent_reason "$original" "$src/$file" "$line")
-      if [ -n "$reason" ]; then
-        equivalent=$((equivalent + 1)); verdict="SURVIVED, judged equivalent: $reason"
-      fi
-      printf '#%s %s:%s (%s)%s\n%s\n\n' "$id" "$file" "$line" "$kind" "${reason:+ judged equivalent: $reason}" "$diff" \
-        >>"$out/survivors.txt"
+      survivor "$original" "$src/$file"
     fi
   fi
   cp "$original" "$src/$file"
-  [[ "$verdict" == SURVIVED* ]] || printf '%s\t%s\n' "$key" "$verdict" >>"$out/known.tsv"
+  # Every verdict is kept for -c; a survivor recorded as "SURVIVED" (its reason is looked up again).
+  recorded="$verdict"
+  [[ "$verdict" != SURVIVED* ]] || recorded="SURVIVED"
+  printf '%s\t%s\n' "$key" "$recorded" >>"$out/known.tsv"
   [[ "$verdict" != killed* ]] || cp "$out/ctest.log" "$out/killed-$id.log" # what failed, for a doubt later
   echo "mutant $id $file:$line ($kind): $verdict [so far $killed of $((killed + survived)) killed]" | tee -a "$out/verdicts.txt" >&2
   [[ "$verdict" != SURVIVED* ]] || echo "$diff" >&2
