@@ -209,6 +209,20 @@ TEST(String, AssignmentsTerminateTheTextAtItsLength) {
 
 // Growing a block the string owns asks the manager to reallocate it first; only when that fails
 // is a new block allocated, the text copied over and the old block freed.
+// A block the header does not own (a host's own buffer) is never reallocated nor freed: growing
+// copies the text into a block of the string's own, and the old block is the host's to free.
+TEST(String, GrowthOutOfABlockItDoesNotOwnKeepsTheText) {
+    StringW s(L"abc");
+    auto* header = const_cast<StringW::Header*>(s.GetHeader());
+    void* hostBlock = const_cast<wchar_t*>(s.c_str()) - StringW::kCharsOffset / sizeof(wchar_t);
+    header->ownsBlock = 0;
+    s.Append(std::wstring(100, L'd').c_str());
+    EXPECT_EQ(L"abc" + std::wstring(100, L'd'), std::wstring(s.c_str()));
+    EXPECT_EQ(1, header->ownsBlock);
+    EXPECT_NE(hostBlock, static_cast<void*>(const_cast<wchar_t*>(s.c_str()) - StringW::kCharsOffset / sizeof(wchar_t)));
+    header->manager->Free(hostBlock);
+}
+
 TEST(String, GrowthReallocatesBeforeItAllocatesAnew) {
     struct Manager : qv::StringMemMgr {
         bool refuse = false;
