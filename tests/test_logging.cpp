@@ -170,6 +170,19 @@ TEST_F(Logging, HolderAcquiredTwiceGivesBothBackOnOneRelease) {
     EXPECT_EQ(0, UseCount());
 }
 
+// A log.dll the host loaded itself is shared, not pinned: once the holder has given its reference
+// back, the host's own FreeLibrary unloads it.
+TEST_F(Logging, HolderSharesALogDllTheHostLoadedAndLeavesItUnloadable) {
+    const HMODULE hosts = LoadLibraryW((avhost::ProgramFolder() + L"log.dll").c_str());
+    ASSERT_NE(nullptr, hosts);
+    CLogDLLRef holder;
+    holder.Acquire();
+    holder.Release();
+    EXPECT_TRUE(LogLibraryLoaded());
+    FreeLibrary(hosts);
+    EXPECT_FALSE(LogLibraryLoaded());
+}
+
 TEST_F(Logging, MessagesCarrySeverityFunctionAndFormattedText) {
     CLogDLLRef holder;
     holder.Acquire();

@@ -140,6 +140,8 @@ TEST_F(Volumes, EveryDeletionSiteDoesItsWorkOrSaysWhatItKept) {
             EXPECT_EQ(0, undecided);
         }
         EXPECT_EQ(volume.play.sharingViolations || volume.play.notEmpty ? true : false, seam.Sleeps() > 0);
+        // Waits of 1, 2, 4 and 8 ms between attempts: two refusals in a row are waited out in 1 and 2.
+        EXPECT_EQ(seam.Sleeps() > 0 ? 2u : 0u, seam.LongestSleep());
         int posix = 0, classic = 0;
         for (const FileCall& call : seam.Calls()) {
             posix += call.kind == "SetInfo" && call.flags == 21 && (call.disposition & 0x2);

@@ -22,6 +22,7 @@ struct State {
     std::vector<FileCall> calls;
     std::map<std::wstring, int> counts; // per name and trait, how often it was played
     int sleeps = 0;
+    DWORD longestSleep = 0;
 };
 State g_state;
 
@@ -291,9 +292,10 @@ HMODULE WINAPI LoadEx(LPCWSTR path, HANDLE file, DWORD flags) {
     return SystemCalls().loadLibraryEx(path, file, flags);
 }
 
-VOID WINAPI Wait(DWORD) {
+VOID WINAPI Wait(DWORD milliseconds) {
     std::lock_guard<std::mutex> hold(g_state.lock);
     ++g_state.sleeps; // the retries are counted, not waited for
+    if (milliseconds > g_state.longestSleep) g_state.longestSleep = milliseconds;
 }
 
 constexpr FileCalls kTable = {&NtCreate,  &Create,   &GetInfo,    &SetInfo, &GetFileInformation,
@@ -339,11 +341,17 @@ void FileSeam::Clear() {
     std::lock_guard<std::mutex> hold(g_state.lock);
     g_state.calls.clear();
     g_state.sleeps = 0;
+    g_state.longestSleep = 0;
 }
 
 int FileSeam::Sleeps() const {
     std::lock_guard<std::mutex> hold(g_state.lock);
     return g_state.sleeps;
+}
+
+DWORD FileSeam::LongestSleep() const {
+    std::lock_guard<std::mutex> hold(g_state.lock);
+    return g_state.longestSleep;
 }
 
 } // namespace testing_support

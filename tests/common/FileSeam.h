@@ -53,6 +53,7 @@ public:
     std::vector<FileCall> Calls() const;
     void Clear();
     int Sleeps() const;
+    DWORD LongestSleep() const; // in milliseconds
 
 private:
     bool installed = false;
