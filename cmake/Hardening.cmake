@@ -9,7 +9,13 @@
 # scripts/check-release.sh reads the shipped DLLs' headers and symbols back.
 # A static library that a host links into its own image (the SDK's) sets AVSCAN_NOT_HARDENED: the
 # host's build decides that image's hardening, and the guard would make it link libssp.
-set(avscan_hardened "$<AND:$<COMPILE_LANGUAGE:C,CXX>,$<NOT:$<BOOL:$<TARGET_PROPERTY:AVSCAN_NOT_HARDENED>>>>")
-add_compile_options("$<${avscan_hardened}:-fstack-protector-strong>")
-add_compile_definitions("$<${avscan_hardened}:_FORTIFY_SOURCE=2>")
-add_link_options(-fstack-protector-strong -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat)
+# AVSCAN_HARDENING=OFF builds without the canaries and the checked functions, only to measure what
+# they cost (scripts/bench.sh against such a tree); the release check fails on such a build.
+option(AVSCAN_HARDENING "stack canaries and _FORTIFY_SOURCE (measurement builds only turn this off)" ON)
+if(AVSCAN_HARDENING)
+  set(avscan_hardened "$<AND:$<COMPILE_LANGUAGE:C,CXX>,$<NOT:$<BOOL:$<TARGET_PROPERTY:AVSCAN_NOT_HARDENED>>>>")
+  add_compile_options("$<${avscan_hardened}:-fstack-protector-strong>")
+  add_compile_definitions("$<${avscan_hardened}:_FORTIFY_SOURCE=2>")
+  add_link_options(-fstack-protector-strong)
+endif()
+add_link_options(-Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat)
