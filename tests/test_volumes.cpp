@@ -157,6 +157,37 @@ TEST_F(Volumes, EveryDeletionSiteDoesItsWorkOrSaysWhatItKept) {
     }
 }
 
+// A sibling of the core temp folder deeper than the walk goes is kept from its bound on, said in
+// one line, while the rest of the clean is done. Played on a share (no final names): there Wine
+// walks past MAX_PATH as Windows does on every volume.
+TEST_F(Volumes, ATreeDeeperThanTheWalkGoesIsKeptFromItsBoundOn) {
+    Populate();
+    std::wstring deep = L"\\\\?\\" + parent + L"\\deep";
+    ASSERT_TRUE(CreateDirectoryW(deep.c_str(), nullptr));
+    for (int level = 1; level <= 130; ++level) {
+        deep += L"\\d";
+        ASSERT_TRUE(CreateDirectoryW(deep.c_str(), nullptr)) << level;
+    }
+    host::PluginLibrary pin(SeamPluginPath());
+    FileSeam seam;
+    ASSERT_TRUE(seam.Installed());
+    VolumePlay share;
+    share.noDots = share.noIdListing = share.noFinalName = true;
+    share.unknownRequest = ERROR_NOT_SUPPORTED;
+    {
+        PluginUnderTest plugin(SeamPluginPath());
+        avhost::ClearCapturedLines();
+        Run(share, seam, plugin);
+    }
+    EXPECT_TRUE(Exists(deep));
+    EXPECT_FALSE(Exists(parent + L"\\a.tmp"));
+    int bound = 0;
+    for (const auto& line : avhost::CapturedLines())
+        bound += line.text.rfind(L"Entry kept [", 0) == 0 && line.text.find(L"[error = 206]") != std::wstring::npos;
+    EXPECT_EQ(1, bound);
+    RemoveFolder(top);
+}
+
 // A folder that cannot be listed and a file that cannot be deleted: each is named in one line,
 // stays with what it holds, and the clean goes on with the other entries.
 TEST_F(Volumes, WhatIsKeptIsSaid) {
